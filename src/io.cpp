@@ -1,0 +1,522 @@
+// Handle lifecycle, the three stream back-ends behind one logical position, and error codes.
+#include "io.h"
+
+#include "box/box.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+char compressor_name[32] = "Talvorin 4417";
+
+const uint32_t AACfrequencyTable[16] = {96000, 88200, 64000, 48000, 44100, 32000,
+                                        24000, 22050, 16000, 12000, 11025, 8000,
+                                        7350,  0,     0,     0};
+
+// ---- allocation ------------------------------------------------------------------------------
+
+static long alloc_fail_after = -1;
+static unsigned long alloc_count = 0;
+
+static bool alloc_allowed() {
+    if (alloc_fail_after < 0)
+        return true;
+    if (alloc_fail_after == 0)
+        return false;
+    alloc_fail_after--;
+    return true;
+}
+
+void *mp4_malloc(size_t n) {
+    if (!alloc_allowed())
+        return nullptr;
+    alloc_count++;
+    return std::malloc(n ? n : 1);
+}
+
+void *mp4_calloc(size_t count, size_t size) {
+    if (!alloc_allowed())
+        return nullptr;
+    alloc_count++;
+    if (count == 0 || size == 0)
+        return std::calloc(1, 1);
+    return std::calloc(count, size);
+}
+
+void *mp4_realloc(void *p, size_t n) {
+    if (!alloc_allowed())
+        return nullptr;
+    alloc_count++;
+    return std::realloc(p, n ? n : 1);
+}
+
+void mp4_free(void *p) { std::free(p); }
+
+void mp4_alloc_fail_after(long n) { alloc_fail_after = n; }
+unsigned long mp4_alloc_count(void) { return alloc_count; }
+
+// ---- handle ----------------------------------------------------------------------------------
+
+static mp4_muxer *new_handle(uint8_t flags) {
+    auto *m = static_cast<mp4_muxer *>(mp4_calloc(1, sizeof(mp4_muxer)));
+    if (!m)
+        return nullptr;
+    m->fd = -1;
+    m->next_track_id = 1;
+    m->flags = flags;
+    return m;
+}
+
+extern "C" mp4_muxer *mp4_writer_create(void) { return new_handle(0); }
+extern "C" mp4_muxer *mov_writer_create(void) { return new_handle(MP4_MOV); }
+extern "C" mp4_muxer *mp4_reader_create(void) { return new_handle(MP4_READER); }
+
+extern "C" void mp4_delete(mp4_muxer *m) {
+    if (!m)
+        return;
+    if (m->buffer && m->buffer_start != m->pos)
+        fprintf(stderr, "%s: warning: buffer is still queued with data in it\n", "mp4_delete");
+    if (m->linked) {
+        if (m->linked->moov == m->moov)
+            m->moov = nullptr; // shared tree: the linked handle frees it
+        mp4_delete(m->linked);
+        m->linked = nullptr;
+    }
+    if (m->own_file && m->fp)
+        fclose(m->fp);
+    deleteBox(m->moov);
+    deleteBox(m->mdat);
+    if (m->tracks) {
+        for (uint32_t i = 0; i + 1 < m->next_track_id; i++)
+            mp4_free(m->tracks[i].samples);
+        mp4_free(m->tracks);
+    }
+    mp4_free(m->interleave_buffer);
+    mp4_free(m->overflow_buffer);
+    mp4_free(m);
+}
+
+// The attach calls and the debug switch act on the linked handle of a remuxer.
+static mp4_muxer *receiver(mp4_muxer *m) { return m->linked ? m->linked : m; }
+
+extern "C" void mp4_debug(mp4_muxer *m, int on) {
+    if (!m)
+        return;
+    mp4_muxer *r = receiver(m);
+    if (on & 1)
+        r->flags |= MP4_DEBUG;
+    else
+        r->flags &= uint8_t(~MP4_DEBUG);
+}
+
+extern "C" void mp4_file_descriptor(mp4_muxer *m, int fd) {
+    if (m)
+        receiver(m)->fd = fd;
+}
+
+extern "C" void mp4_file_pointer(mp4_muxer *m, FILE *stream) {
+    if (m)
+        receiver(m)->fp = stream;
+}
+
+extern "C" void mp4_file2_pointer(mp4_muxer *m, FILE *stream) {
+    if (m)
+        receiver(m)->fp2 = stream;
+}
+
+extern "C" void mp4_file_name_ascii(mp4_muxer *m, const char *path) {
+    if (!m)
+        return;
+    mp4_muxer *r = receiver(m);
+    FILE *f = path ? fopen64(path, is_reader(r) ? "rb" : "w+b") : nullptr;
+    if (!f) {
+        m->error = MP4_ERR_OPEN;
+        return;
+    }
+    if (r->own_file && r->fp)
+        fclose(r->fp); // a second open replaces the first; the library owns both
+    r->fp = f;
+    r->own_file = 1;
+}
+
+extern "C" void mp4_compressor_name(const char *name) {
+    if (name)
+        strncpy(compressor_name, name, sizeof compressor_name);
+}
+
+extern "C" void mp4_set_callback(mp4_muxer *m, mp4_callback callback) {
+    if (m)
+        m->callback = callback;
+}
+
+extern "C" void mp4_set_sample_callback(mp4_muxer *m, mp4_sample_fn fn, void *opaque) {
+    if (!m)
+        return;
+    m->sample_fn = fn;
+    m->sample_opaque = opaque;
+}
+
+void report_sample(mp4_muxer *m, uint32_t track_id, uint64_t offset, uint64_t timestamp,
+                   uint32_t size, uint32_t flags) {
+    if (m->callback)
+        m->callback(offset, timestamp, size, flags);
+    if (m->sample_fn)
+        m->sample_fn(m->sample_opaque, track_id, offset, timestamp, size, flags);
+}
+
+// ---- errors ----------------------------------------------------------------------------------
+
+static const char *const error_texts[] = {
+    nullptr,
+    "seek out of range",
+    "failed to allocate memory",
+    "bad input",
+    "cannot write null box",
+    "recursion limit reached",
+    "buffer overflow",
+    "remux failed to find mdat",
+    "write failed",
+    "maximum size limit reached",
+    "file open failed",
+};
+
+// The fallback walks the linked chain; a bound keeps a (never built) cycle from looping.
+enum { MAX_LINK_HOPS = 8 };
+
+extern "C" const char *mp4_get_error(mp4_muxer *m) {
+    for (int hop = 0; m && hop < MAX_LINK_HOPS; hop++, m = m->linked) {
+        if (m->error >= 1 && m->error <= 10)
+            return error_texts[m->error];
+    }
+    return nullptr;
+}
+
+extern "C" uint32_t mp4_get_error_code(mp4_muxer *m) {
+    for (int hop = 0; m && hop < MAX_LINK_HOPS; hop++, m = m->linked) {
+        if (m->error)
+            return m->error;
+    }
+    return 0;
+}
+
+extern "C" int mp4_was_write_error(mp4_muxer *m) {
+    if (!m)
+        return 0;
+    return (m->error || (m->linked && m->linked->error)) ? 1 : 0;
+}
+
+extern "C" void mp4_set_error(mp4_muxer *m, int code) {
+    if (m)
+        m->error = uint8_t(code);
+}
+
+// ---- stream back-ends ------------------------------------------------------------------------
+
+// Source of zero bytes for null-source writes, so that padding never needs an allocation.
+static const uint8_t zero_block[65536] = {};
+
+void read_n(mp4_muxer *m, void *dst, uint32_t n) {
+    if (m->fd != -1) {
+        uint32_t got = 0;
+        while (got < n) {
+            ssize_t r = read(m->fd, static_cast<uint8_t *>(dst) + got, n - got);
+            if (r < 0 && errno == EINTR)
+                continue;
+            if (r <= 0)
+                break;
+            got += uint32_t(r);
+        }
+        if (got < n)
+            m->flags |= MP4_END_OF_INPUT;
+        else
+            m->flags &= uint8_t(~MP4_END_OF_INPUT);
+        m->pos += n;
+        return;
+    }
+    if (m->fp) {
+        size_t got = n ? fread(dst, 1, n, m->fp) : 0;
+        if (got < n)
+            m->flags |= MP4_END_OF_INPUT;
+        else
+            m->flags &= uint8_t(~MP4_END_OF_INPUT);
+        if (m->fp2)
+            fseeko64(m->fp2, off64_t(n), SEEK_CUR);
+        m->pos += n;
+        return;
+    }
+    if (m->buffer) {
+        // A position below the buffer counts as beyond its end.
+        if (m->pos < m->buffer_start || m->pos - m->buffer_start + n > m->buffer_size) {
+            m->flags |= MP4_END_OF_INPUT;
+            return;
+        }
+        if (n)
+            memcpy(dst, m->buffer + (m->pos - m->buffer_start), n);
+        m->pos += n;
+        return;
+    }
+    m->pos += n;
+}
+
+static bool write_fd_all(int fd, const uint8_t *p, size_t n) {
+    while (n > 0) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w < 0)
+            return false;
+        p += w;
+        n -= size_t(w);
+    }
+    return true;
+}
+
+// Writes n bytes of src (or zeros) to a descriptor; false on failure.
+static bool write_fd(int fd, const void *src, int32_t n) {
+    if (src)
+        return write_fd_all(fd, static_cast<const uint8_t *>(src), size_t(n));
+    for (int32_t left = n; left > 0;) {
+        int32_t k = left < int32_t(sizeof zero_block) ? left : int32_t(sizeof zero_block);
+        if (!write_fd_all(fd, zero_block, size_t(k)))
+            return false;
+        left -= k;
+    }
+    return true;
+}
+
+// fwrite of n bytes of src (or zeros); returns the count written.
+static size_t fwrite_n(FILE *f, const void *src, int32_t n) {
+    if (src)
+        return fwrite(src, 1, size_t(n), f);
+    size_t done = 0;
+    for (int32_t left = n; left > 0;) {
+        int32_t k = left < int32_t(sizeof zero_block) ? left : int32_t(sizeof zero_block);
+        size_t w = fwrite(zero_block, 1, size_t(k), f);
+        done += w;
+        if (w < size_t(k))
+            break;
+        left -= k;
+    }
+    return done;
+}
+
+static void copy_or_zero(uint8_t *dst, const void *src, uint32_t n) {
+    if (src)
+        memcpy(dst, src, n);
+    else
+        memset(dst, 0, n);
+}
+
+static void overflow_area_exhausted() {
+    fprintf(stderr, "mp4kit: Assertion `m->overflow_buffer != NULL' failed.\n");
+    abort();
+}
+
+// Bytes written past the end of the caller's buffer: kept in the handle's overflow area.
+static void write_overflow(mp4_muxer *m, const uint8_t *src, int32_t n) {
+    if (!m->overflow_buffer) {
+        m->overflow_start = m->pos;
+    } else if (m->pos < m->overflow_start) {
+        // Before the area (a stray seek): no room was ever made for these bytes; they are lost,
+        // as error 6 already says.
+        m->pos += uint32_t(n);
+        return;
+    }
+    uint64_t ov = m->pos - m->overflow_start;
+    if (ov + uint64_t(n) >= m->overflow_size) {
+        uint64_t want = m->overflow_size;
+        while (want <= ov + uint64_t(n))
+            want += 1024;
+        if (want > 0xFFFFFFFFull)
+            overflow_area_exhausted();
+        void *p = mp4_realloc(m->overflow_buffer, size_t(want));
+        if (!p)
+            overflow_area_exhausted();
+        m->overflow_buffer = static_cast<uint8_t *>(p);
+        // Keep the never-written tail deterministic.
+        memset(m->overflow_buffer + m->overflow_size, 0, size_t(want - m->overflow_size));
+        m->overflow_size = uint32_t(want);
+    }
+    if (n > 0)
+        copy_or_zero(m->overflow_buffer + ov, src, uint32_t(n));
+    m->pos += uint32_t(n);
+}
+
+void write_n(mp4_muxer *m, const void *src, int32_t n) {
+    if (n < 0) {
+        printf("%s: n=%d (bad seek?)\n", "write_n", n);
+        m->error = MP4_ERR_SEEK;
+        return;
+    }
+    if (m->fd != -1) {
+        if (!write_fd(m->fd, src, n)) {
+            perror("write");
+            m->error = MP4_ERR_WRITE;
+            off64_t here = lseek64(m->fd, 0, SEEK_CUR);
+            if (here >= 0)
+                m->pos = uint64_t(here);
+            return;
+        }
+        m->pos += uint32_t(n);
+        return;
+    }
+    if (m->fp) {
+        size_t count = fwrite_n(m->fp, src, n);
+        if (count == size_t(n) && m->fp2)
+            count = fwrite_n(m->fp2, src, n);
+        if (count < size_t(n)) {
+            perror("fwrite");
+            printf("%s: n=%d pos=%lu %ld\n", "write_n", n, (unsigned long)m->pos, ftell(m->fp));
+            m->error = MP4_ERR_WRITE;
+            off64_t here = ftello64(m->fp);
+            if (here >= 0)
+                m->pos = uint64_t(here);
+            return;
+        }
+        m->pos += uint32_t(n);
+        return;
+    }
+    if (!m->buffer) {
+        m->pos += uint32_t(n);
+        return;
+    }
+    const uint8_t *s = static_cast<const uint8_t *>(src);
+    int32_t off = int32_t(uint32_t(m->pos - m->buffer_start));
+    int64_t space = int64_t(m->buffer_size) - off;
+    if (off >= 0 && int64_t(n) <= space) {
+        if (n > 0)
+            copy_or_zero(m->buffer + off, s, uint32_t(n));
+        m->pos += uint32_t(n);
+    } else {
+        printf("warning: buffer overflowed pos=%d space=%d n=%d\n", off, int32_t(space), n);
+        m->error = MP4_ERR_OVERFLOW;
+        if (off >= 0 && space > 0) {
+            copy_or_zero(m->buffer + off, s, uint32_t(space));
+            m->pos += uint64_t(space);
+            if (s)
+                s += space;
+            n -= int32_t(space);
+        }
+        sleep(1);
+        write_overflow(m, s, n);
+    }
+    if (m->pos > m->max_pos)
+        m->max_pos = m->pos;
+}
+
+void flush_output(mp4_muxer *m) {
+    if (m->fp)
+        fflush(m->fp);
+    if (m->fp2)
+        fflush(m->fp2);
+}
+
+uint64_t muxer_pos(mp4_muxer *m) {
+    if (m->fp && m->error == MP4_ERR_WRITE) {
+        off64_t here = ftello64(m->fp);
+        if (here != -1)
+            return uint64_t(here);
+    }
+    return m->pos;
+}
+
+// Extends a memory stream with zeros, in pieces that a signed 32-bit write length can carry.
+static void zero_extend(mp4_muxer *m, uint64_t gap) {
+    while (gap > 0) {
+        uint32_t k = gap > 0x40000000u ? 0x40000000u : uint32_t(gap);
+        write_n(m, nullptr, int32_t(k));
+        gap -= k;
+        if (m->error == MP4_ERR_SEEK)
+            break;
+    }
+}
+
+void muxer_seek(mp4_muxer *m, uint64_t target) {
+    if (target == m->pos)
+        return;
+    if (m->fd != -1) {
+        m->pos = target;
+        lseek64(m->fd, off64_t(target), SEEK_SET);
+        return;
+    }
+    if (m->fp) {
+        m->pos = target;
+        if (fseeko64(m->fp, off64_t(target), SEEK_SET) < 0) {
+            perror("fseeko");
+            printf("off=%lu\n", (unsigned long)target);
+            m->error = MP4_ERR_SEEK;
+        }
+        if (m->fp2 && fseeko64(m->fp2, off64_t(target), SEEK_SET) < 0) {
+            perror("fseeko 2");
+            printf("off=%lu\n", (unsigned long)target);
+            m->error = MP4_ERR_SEEK;
+        }
+        return;
+    }
+    if (is_reader(m)) {
+        m->pos = target;
+        if (target >= m->buffer_start && target <= m->buffer_start + m->buffer_size)
+            return;
+        printf("%s: dangerous seek outside of buffer\n", "muxer_seek");
+        printf("%s: seek pos %lu buffer: %lu..%lu\n", "muxer_seek", (unsigned long)target,
+               (unsigned long)m->buffer_start,
+               (unsigned long)(m->buffer_start + m->buffer_size - 1));
+        m->error = MP4_ERR_SEEK;
+        return;
+    }
+    if (target >= m->max_pos) {
+        m->pos = m->max_pos;
+        zero_extend(m, target - m->max_pos);
+        m->pos = target; // also when nothing could be written (no back-end)
+        return;
+    }
+    m->pos = target;
+    if (m->buffer && target >= m->buffer_start && target <= m->buffer_start + m->buffer_size)
+        return;
+    if (m->overflow_buffer && target >= m->overflow_start &&
+        target <= m->overflow_start + m->overflow_size)
+        return;
+    printf("%s: dangerous seek %lu outside of any buffer!\n", "muxer_seek", (unsigned long)target);
+    m->error = MP4_ERR_SEEK;
+}
+
+uint8_t *read_tmp(mp4_muxer *m, uint64_t position, uint32_t n) {
+    auto *block = static_cast<uint8_t *>(mp4_malloc(n));
+    if (!block) {
+        m->error = MP4_ERR_NOMEM;
+        return nullptr;
+    }
+    uint64_t here = muxer_pos(m);
+    muxer_seek(m, position);
+    read_n(m, block, n);
+    muxer_seek(m, here);
+    return block;
+}
+
+extern "C" void mp4_buf_put(mp4_muxer *m, uint8_t *data, uint32_t size) {
+    if (!m)
+        return;
+    if (m->buffer)
+        fprintf(stderr, "%s: warning: buffer already exists\n", "mp4_buf_put");
+    m->buffer = data;
+    m->buffer_size = size;
+    m->buffer_start = m->pos;
+    if (m->overflow_size && !is_reader(m))
+        write_n(m, nullptr, 0);
+    m->flags &= uint8_t(~MP4_END_OF_INPUT);
+}
+
+extern "C" uint32_t mp4_buf_get(mp4_muxer *m) {
+    if (!m)
+        return 0;
+    uint64_t used = m->pos - m->buffer_start;
+    uint32_t count = uint32_t(used);
+    if (count > m->buffer_size)
+        count = m->buffer_size;
+    m->buffer = nullptr;
+    m->buffer_size = 0;
+    m->pos += int64_t(m->buffer_adjust);
+    m->buffer_adjust = 0;
+    return count;
+}
