@@ -1,0 +1,43 @@
+# Thin front door over CMake. The machines have two cores.
+
+JOBS       ?= 2
+CTEST_JOBS ?= 2
+CMAKE      ?= cmake
+CTEST      ?= ctest
+BUILD_DIR  ?= build
+
+SAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+           UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+
+FORMAT_DIRS := src include tests tools
+
+.PHONY: all build test test-build test-asan clean format
+
+all: build
+
+build:
+	$(CMAKE) -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release
+	$(CMAKE) --build $(BUILD_DIR) -j$(JOBS)
+
+# Plain build with warnings as errors, then the same suites under ASan+UBSan.
+# The sanitizer run goes last so its CTest summary closes the output.
+test: test-build test-asan
+
+test-build:
+	$(CMAKE) -S . -B $(BUILD_DIR)/test -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DMP4KIT_WERROR=ON -DMP4KIT_SANITIZE=OFF -DMP4KIT_BUILD_TESTS=ON
+	$(CMAKE) --build $(BUILD_DIR)/test -j$(JOBS)
+	cd $(BUILD_DIR)/test && $(CTEST) --output-on-failure -j$(CTEST_JOBS)
+
+test-asan: test-build
+	$(CMAKE) -S . -B $(BUILD_DIR)/asan -DCMAKE_BUILD_TYPE=Debug \
+		-DMP4KIT_WERROR=ON -DMP4KIT_SANITIZE=ON -DMP4KIT_BUILD_TESTS=ON
+	$(CMAKE) --build $(BUILD_DIR)/asan -j$(JOBS)
+	cd $(BUILD_DIR)/asan && $(SAN_ENV) $(CTEST) --output-on-failure -j$(CTEST_JOBS)
+
+clean:
+	rm -rf $(BUILD_DIR)
+
+format:
+	@files=$$(find $(FORMAT_DIRS) -type f \( -name '*.c' -o -name '*.cpp' -o -name '*.h' -o -name '*.hpp' \) 2>/dev/null); \
+	if [ -n "$$files" ]; then clang-format -i $$files; fi
