@@ -141,8 +141,12 @@ extern "C" void mp4_file_name_ascii(mp4_muxer *m, const char *path) {
 }
 
 extern "C" void mp4_compressor_name(const char *name) {
-    if (name)
-        strncpy(compressor_name, name, sizeof compressor_name);
+    if (!name)
+        return;
+    // strncpy semantics: zero padding, and no terminator for a name of 32 bytes or more.
+    size_t n = strnlen(name, sizeof compressor_name);
+    memset(compressor_name, 0, sizeof compressor_name);
+    memcpy(compressor_name, name, n);
 }
 
 extern "C" void mp4_set_callback(mp4_muxer *m, mp4_callback callback) {
