@@ -77,11 +77,13 @@ extern "C" void mp4_delete(mp4_muxer *m) {
         return;
     if (m->buffer && m->buffer_start != m->pos)
         fprintf(stderr, "%s: warning: buffer is still queued with data in it\n", "mp4_delete");
-    if (m->linked) {
-        if (m->linked->moov == m->moov)
+    if (mp4_muxer *l = m->linked) {
+        if (l->moov == m->moov)
             m->moov = nullptr; // shared tree: the linked handle frees it
-        mp4_delete(m->linked);
         m->linked = nullptr;
+        if (l->linked == m)
+            l->linked = nullptr; // a back link must not delete this handle a second time
+        mp4_delete(l);
     }
     if (m->own_file && m->fp)
         fclose(m->fp);
@@ -270,6 +272,8 @@ static bool write_fd_all(int fd, const uint8_t *p, size_t n) {
             continue;
         if (w < 0)
             return false;
+        if (w == 0)
+            break; // no progress: a short count is not an error here, and looping would hang
         p += w;
         n -= size_t(w);
     }
@@ -329,9 +333,12 @@ static void write_overflow(mp4_muxer *m, const uint8_t *src, int32_t n) {
     }
     uint64_t ov = m->pos - m->overflow_start;
     if (ov + uint64_t(n) >= m->overflow_size) {
-        uint64_t want = m->overflow_size;
-        while (want <= ov + uint64_t(n))
-            want += 1024;
+        // Whole 1024-byte steps until the area reaches past ov + n; the area must stay
+        // addressable with 32-bit offsets.
+        if (ov >= 0xFFFFFFFFull)
+            overflow_area_exhausted();
+        uint64_t need = ov + uint64_t(n) + 1 - m->overflow_size;
+        uint64_t want = m->overflow_size + (need + 1023) / 1024 * 1024;
         if (want > 0xFFFFFFFFull)
             overflow_area_exhausted();
         void *p = mp4_realloc(m->overflow_buffer, size_t(want));
@@ -427,12 +434,14 @@ uint64_t muxer_pos(mp4_muxer *m) {
 
 // Extends a memory stream with zeros, in pieces that a signed 32-bit write length can carry.
 static void zero_extend(mp4_muxer *m, uint64_t gap) {
+    if (!m->buffer) {
+        m->pos += gap; // nothing to fill: one step instead of a loop over a gap of any size
+        return;
+    }
     while (gap > 0) {
         uint32_t k = gap > 0x40000000u ? 0x40000000u : uint32_t(gap);
         write_n(m, nullptr, int32_t(k));
         gap -= k;
-        if (m->error == MP4_ERR_SEEK)
-            break;
     }
 }
 

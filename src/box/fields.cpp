@@ -67,9 +67,13 @@ void rwExpandableSize(mp4_muxer *m, uint32_t *p) {
         uint32_t value = 0;
         for (;;) {
             uint8_t b = 0;
+            bool was_at_end = at_end_of_input(m);
+            uint64_t before = m->pos;
             rw8(m, &b);
-            // Exhausted input leaves the byte as it was; stop rather than loop on it.
-            if (at_end_of_input(m))
+            // Exhausted input leaves the byte as it was; stop rather than loop on it. The flag
+            // may be left over from an earlier read on a memory buffer (which never clears it);
+            // such a read that did deliver its byte moved the position.
+            if (at_end_of_input(m) && (!was_at_end || m->pos == before))
                 break;
             value = (value << 7) | (b & 0x7F);
             if (!(b & 0x80))

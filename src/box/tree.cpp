@@ -232,18 +232,30 @@ void updateBoxSize(mp4_muxer *m, Box *box) {
         fprintf(stderr, "%s: Can't update box size when reading!\n", "updateBoxSize");
         return;
     }
+    if (!box)
+        return;
+    if (box->data_pos < 8) {
+        // No header lies before this position: the box was never written, and seeking to
+        // data_pos - 8 would wrap to the far end of the stream.
+        fprintf(stderr, "%s: %c%c%c%c was never written\n", "updateBoxSize",
+                char(box->type >> 24), char(box->type >> 16), char(box->type >> 8),
+                char(box->type));
+        return;
+    }
     if (!req64(box->size)) {
         muxer_seek(m, box->data_pos - 8);
         rw32as64(m, &box->size);
         muxer_seek(m, here);
         return;
     }
-    muxer_seek(m, box->data_pos - 16);
     uint32_t hsize = 0, htype = 0;
-    m->flags |= MP4_READER;
-    rw32(m, &hsize);
-    rw32(m, &htype);
-    m->flags &= uint8_t(~(MP4_READER | MP4_END_OF_INPUT));
+    if (box->data_pos >= 16) { // else there is no room for a placeholder or a 64-bit header
+        muxer_seek(m, box->data_pos - 16);
+        m->flags |= MP4_READER;
+        rw32(m, &hsize);
+        rw32(m, &htype);
+        m->flags &= uint8_t(~(MP4_READER | MP4_END_OF_INPUT));
+    }
     uint32_t pad = (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");
     if (hsize == 8 && htype == pad) {
         // The placeholder in front and the old compact header become one 64-bit header.
