@@ -12,10 +12,6 @@ uint32_t skip_aac_header(const uint8_t *, uint32_t) { return 0; }
 int isIframe(const uint8_t *, uint32_t) { return 0; }
 int realloc_p2(void **, uint32_t, uint32_t, uint32_t) { return 1; }
 void write_stored_sample(mp4_muxer *, uint32_t, const uint8_t *, uint32_t, uint32_t) {}
-void track_interleave(mp4_muxer *, uint32_t, const uint8_t *, uint32_t, uint32_t) {}
-void write_interleaved_track(mp4_muxer *, uint32_t) {}
-void setup_moov_at_start(mp4_muxer *) {}
-void update_moov_atom(mp4_muxer *, uint32_t) {}
 void write_fragmented_moov(mp4_muxer *) {}
 int updateMovieDurations(Box *) { return 0; }
 int load_moov_and_track(mp4_muxer *) { return -1; }
