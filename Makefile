@@ -11,7 +11,7 @@ SAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 
 FORMAT_DIRS := src include tests tools
 
-.PHONY: all build test test-build test-asan clean format
+.PHONY: all build test test-build test-asan clean format fuzz
 
 all: build
 
@@ -34,6 +34,16 @@ test-asan: test-build
 		-DMP4KIT_WERROR=ON -DMP4KIT_SANITIZE=ON -DMP4KIT_BUILD_TESTS=ON
 	$(CMAKE) --build $(BUILD_DIR)/asan -j$(JOBS)
 	cd $(BUILD_DIR)/asan && $(SAN_ENV) $(CTEST) --output-on-failure -j$(CTEST_JOBS)
+
+# libFuzzer targets under clang with ASan+UBSan, each run for FUZZ_SECONDS from the fixtures.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= fuzz_read fuzz_fragment_reader fuzz_defrag fuzz_refrag fuzz_parameter_data fuzz_dump
+
+fuzz:
+	CC=clang CXX=clang++ $(CMAKE) -S . -B $(BUILD_DIR)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DMP4KIT_FUZZ=ON -DMP4KIT_BUILD_TESTS=OFF -DMP4KIT_BUILD_EXAMPLES=OFF
+	$(CMAKE) --build $(BUILD_DIR)/fuzz -j$(JOBS) --target $(FUZZ_TARGETS)
+	bash fuzz/run.sh $(BUILD_DIR)/fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 clean:
 	rm -rf $(BUILD_DIR)
