@@ -11,7 +11,7 @@ SAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 
 FORMAT_DIRS := src include tests tools
 
-.PHONY: all build test test-build test-asan clean format fuzz
+.PHONY: all build test test-build test-asan clean format fuzz bench
 
 all: build
 
@@ -34,6 +34,15 @@ test-asan: test-build
 		-DMP4KIT_WERROR=ON -DMP4KIT_SANITIZE=ON -DMP4KIT_BUILD_TESTS=ON
 	$(CMAKE) --build $(BUILD_DIR)/asan -j$(JOBS)
 	cd $(BUILD_DIR)/asan && $(SAN_ENV) $(CTEST) --output-on-failure -j$(CTEST_JOBS)
+
+# Release build of the benchmark suites; BENCH_ARGS go to Google Benchmark.
+BENCH_ARGS ?=
+
+bench:
+	$(CMAKE) -S . -B $(BUILD_DIR)/bench -DCMAKE_BUILD_TYPE=Release -DMP4KIT_WERROR=ON \
+		-DMP4KIT_BUILD_BENCH=ON -DMP4KIT_BUILD_TESTS=OFF -DMP4KIT_BUILD_EXAMPLES=OFF
+	$(CMAKE) --build $(BUILD_DIR)/bench -j$(JOBS) --target mp4kit_bench mp4kit_tool
+	$(BUILD_DIR)/bench/mp4kit_bench --benchmark_counters_tabular=true $(BENCH_ARGS)
 
 # libFuzzer targets under clang with ASan+UBSan, each run for FUZZ_SECONDS from the fixtures.
 FUZZ_SECONDS ?= 60
