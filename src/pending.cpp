@@ -14,12 +14,6 @@ int realloc_p2(void **, uint32_t, uint32_t, uint32_t) { return 1; }
 void write_stored_sample(mp4_muxer *, uint32_t, const uint8_t *, uint32_t, uint32_t) {}
 void write_fragmented_moov(mp4_muxer *) {}
 int updateMovieDurations(Box *) { return 0; }
-int load_moov_and_track(mp4_muxer *) { return -1; }
-void init_timestamps(mp4_muxer *) {}
-void process_moof(mp4_muxer *, Box *) {}
-int track_play(mp4_muxer *, mp4_track *, Box *) { return -1; }
-int track_play_reverse(mp4_muxer *, mp4_track *, Box *) { return -1; }
-int track_seek(mp4_track *, Box *, uint64_t) { return -1; }
 void defrag(mp4_muxer *) {}
 uint32_t defrag_callback(mp4_muxer *, uint32_t, uint64_t, uint32_t length, uint32_t) {
     return length;
