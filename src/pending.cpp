@@ -22,11 +22,7 @@ void refrag(mp4_muxer *) {}
 void refrag_moov(mp4_muxer *) {}
 void refrag_sample(mp4_muxer *, mp4_muxer *, uint32_t) {}
 void finish_remux_output(mp4_muxer *) {}
-Box *rwBox(mp4_muxer *, Box *) { return nullptr; }
-uint64_t checkBoxSize(Box *) { return 0; }
 void rwDescriptor(mp4_muxer *, uint8_t, void *) {}
-int show_resizing = 1;
-int show_actual_size = 1;
 // Box layouts still being written (see box/layouts.h).
 #include "box/layouts.h"
 bool codeStsd(mp4_muxer *, Box **, uint64_t) { return true; }

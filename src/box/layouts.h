@@ -6,6 +6,28 @@
 
 #include "box/box.h"
 
+// Bounded allocation for everything sized by a count or length read from a file (codec.cpp).
+// A reader must never allocate more than its input could fill: when the input is a memory
+// buffer, or a file, descriptor or stream whose size fstat reports, the bytes still to come
+// after the current position bound every table.
+//
+// inputHolds(m, bytes): true when the input can still deliver `bytes` (or its size cannot be
+// learned, e.g. a pipe). Otherwise sets end_of_input and returns false; the layout then returns
+// true so that the driver takes its rewind exit, as for any input that runs out.
+bool inputHolds(mp4_muxer *m, uint64_t bytes);
+//
+// allocEntries(m, count, entry_size, disk_entry_size): a zero-filled block of count x
+// entry_size bytes for a table whose entries take disk_entry_size bytes each in the file
+// (disk_entry_size must be at least 1: entries with no bytes on disk cannot be bounded). Returns
+// null without allocating when count is 0, when end_of_input is already set, or when the input
+// cannot hold count x disk_entry_size more bytes (end_of_input is then set). A null result with
+// count > 0 and end_of_input clear means the allocator failed. Usual idiom in a layout:
+//     b->entries = static_cast<T *>(allocEntries(m, b->entry_count, sizeof(T), 8));
+//     if (!b->entries && b->entry_count)
+//         return at_end_of_input(m); // true: rewind exit; false: allocation exit (error 2)
+//     if (b->entries) b->node_flags |= BOX_OWNS_ARRAYS;
+void *allocEntries(mp4_muxer *m, uint32_t count, size_t entry_size, size_t disk_entry_size);
+
 // movie.cpp: movie, track and media boxes
 bool codeFtyp(mp4_muxer *m, Box **box, uint64_t start);
 bool codeMvhd(mp4_muxer *m, Box **box, uint64_t start);

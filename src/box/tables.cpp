@@ -1,0 +1,152 @@
+// Field descriptions of the sample tables. Each holds its entries in one counted heap array,
+// allocated on reading from the count before the entries are read; writing emits exactly the
+// stored count.
+#include "box/layouts.h"
+
+namespace {
+
+template <class T> T *enlarge(Box **box) { return static_cast<T *>(extendBox(box, sizeof(T))); }
+
+// Allocates the entry array of a table being read. Returns false only when the allocator failed
+// (the driver then takes its allocation exit); input too short for the count leaves entries null
+// with end_of_input set, which the driver turns into its rewind exit.
+template <class E>
+bool allocTable(mp4_muxer *m, Box *b, E **entries, uint32_t count, size_t disk_entry_size) {
+    *entries = nullptr;
+    if (!is_reader(m) || count == 0)
+        return true;
+    *entries = static_cast<E *>(allocEntries(m, count, sizeof(E), disk_entry_size));
+    if (!*entries)
+        return at_end_of_input(m);
+    b->node_flags |= BOX_OWNS_ARRAYS;
+    return true;
+}
+
+// Codes `count` entries with `fn`. Stops once reading runs out of input (the box is discarded
+// then anyway). A writer whose array is missing writes zero entries of the stored count.
+template <class E, class F> void codeEntries(mp4_muxer *m, E *entries, uint32_t count, F fn) {
+    for (uint32_t i = 0; i < count; i++) {
+        E zero{};
+        fn(entries ? entries[i] : zero);
+        if (is_reader(m) && at_end_of_input(m))
+            break;
+    }
+}
+
+} // namespace
+
+bool codeStts(mp4_muxer *m, Box **box, uint64_t) {
+    Stts *b = enlarge<Stts>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    rw32(m, &b->entry_count);
+    if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 8))
+        return false;
+    codeEntries(m, b->entries, b->entry_count, [m](SttsEntry &e) {
+        rw32(m, &e.sample_count);
+        rw32(m, &e.sample_delta);
+    });
+    return true;
+}
+
+bool codeCtts(mp4_muxer *m, Box **box, uint64_t) {
+    Ctts *b = enlarge<Ctts>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    rw32(m, &b->entry_count);
+    if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 8))
+        return false;
+    // Version 1 offsets are signed; the bits are the same either way.
+    codeEntries(m, b->entries, b->entry_count, [m](CttsEntry &e) {
+        rw32(m, &e.sample_count);
+        rw32(m, &e.sample_offset);
+    });
+    return true;
+}
+
+bool codeStss(mp4_muxer *m, Box **box, uint64_t) {
+    Stss *b = enlarge<Stss>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    rw32(m, &b->entry_count);
+    if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 4))
+        return false;
+    codeEntries(m, b->entries, b->entry_count, [m](uint32_t &e) { rw32(m, &e); });
+    return true;
+}
+
+bool codeStsz(mp4_muxer *m, Box **box, uint64_t) {
+    Stsz *b = enlarge<Stsz>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    rw32(m, &b->sample_size);
+    rw32(m, &b->sample_count);
+    // Sizes are listed only when they are not all the same.
+    uint32_t listed = b->sample_size == 0 ? b->sample_count : 0;
+    if (is_reader(m) && !allocTable(m, b, &b->entries, listed, 4))
+        return false;
+    codeEntries(m, b->entries, listed, [m](uint32_t &e) { rw32(m, &e); });
+    m->sample_count = b->sample_count;
+    return true;
+}
+
+bool codeStz2(mp4_muxer *m, Box **box, uint64_t) {
+    Stz2 *b = enlarge<Stz2>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    reserved(m, 24);
+    rw8(m, &b->field_size);
+    rw32(m, &b->sample_count);
+    // The packed sizes are kept as they are on disk. The bit count is a 32-bit product.
+    uint32_t bits = b->sample_count * b->field_size;
+    uint32_t bytes = uint32_t((uint64_t(bits) + 7) / 8);
+    if (is_reader(m) && !allocTable(m, b, &b->entries, bytes, 1))
+        return false;
+    codeEntries(m, b->entries, bytes, [m](uint8_t &e) { rw8(m, &e); });
+    return true;
+}
+
+bool codeStsc(mp4_muxer *m, Box **box, uint64_t) {
+    Stsc *b = enlarge<Stsc>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    rw32(m, &b->entry_count);
+    if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 12))
+        return false;
+    codeEntries(m, b->entries, b->entry_count, [m](StscEntry &e) {
+        rw32(m, &e.first_chunk);
+        rw32(m, &e.samples_per_chunk);
+        rw32(m, &e.sample_description_index);
+    });
+    return true;
+}
+
+bool codeStco(mp4_muxer *m, Box **box, uint64_t) {
+    Stco *b = enlarge<Stco>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    rw32(m, &b->entry_count);
+    if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 4))
+        return false;
+    codeEntries(m, b->entries, b->entry_count, [m](uint32_t &e) { rw32(m, &e); });
+    return true;
+}
+
+bool codeCo64(mp4_muxer *m, Box **box, uint64_t) {
+    Co64 *b = enlarge<Co64>(box);
+    if (!b)
+        return false;
+    rwFullBox(m, b);
+    rw32(m, &b->entry_count);
+    if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 8))
+        return false;
+    codeEntries(m, b->entries, b->entry_count, [m](uint64_t &e) { rw64(m, &e); });
+    return true;
+}
