@@ -200,7 +200,7 @@ static bool codeFields(mp4_muxer *m, Box **node, uint64_t start) {
                 return false;
             if (decoded)
                 return true;
-            fprintf(stderr, "%s: handler type not set\n", "rwBox");
+            // No layout for this handler (codeSampleEntry has said so): pass it over.
         }
         // Not decoded: keep the header, pass over the content.
         muxer_seek(m, start + (*node)->size);
