@@ -6,6 +6,9 @@
 
 // ---- codec_config.cpp ------------------------------------------------------------------------
 void update_moov_parameter_data(mp4_muxer *m);
+// Fills the esds of an mp4v entry around `size` bytes of decoder configuration (at most 128),
+// with every descriptor length and the box size computed.
+void fillVisualEsds(Esds *esds, const uint8_t *config, uint32_t size);
 
 // ---- writer/tracks.cpp -----------------------------------------------------------------------
 void create_moov(mp4_muxer *m);

@@ -3,17 +3,7 @@
 // is removed once it is empty.
 #include "internal.h"
 
-void update_moov_parameter_data(mp4_muxer *) {}
-void create_moov(mp4_muxer *) {}
-void create_track(mp4_muxer *, uint32_t) {}
-void write_ftyp(mp4_muxer *) {}
-uint32_t skip_video_header(const uint8_t *, uint32_t) { return 0; }
-uint32_t skip_aac_header(const uint8_t *, uint32_t) { return 0; }
-int isIframe(const uint8_t *, uint32_t) { return 0; }
-int realloc_p2(void **, uint32_t, uint32_t, uint32_t) { return 1; }
-void write_stored_sample(mp4_muxer *, uint32_t, const uint8_t *, uint32_t, uint32_t) {}
 void write_fragmented_moov(mp4_muxer *) {}
-int updateMovieDurations(Box *) { return 0; }
 void defrag(mp4_muxer *) {}
 uint32_t defrag_callback(mp4_muxer *, uint32_t, uint64_t, uint32_t length, uint32_t) {
     return length;

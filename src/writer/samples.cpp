@@ -1,0 +1,565 @@
+// Sample writing: each encoded sample goes straight to the output, stripped of the stream headers
+// that have no place in a stored sample, and is entered into its track's sample tables (plain
+// mode) or queued for the next movie fragment (memory-buffer mode).
+#include "internal.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+namespace {
+
+inline bool nalIsSlice(uint8_t header) {
+    uint8_t type = header & 0x1F;
+    return type == 1 || type == 5;
+}
+
+inline bool startsWith3(const uint8_t *d, uint32_t size) {
+    return size >= 3 && d[0] == 0 && d[1] == 0 && d[2] == 1;
+}
+
+inline bool startsWith4(const uint8_t *d, uint32_t size) {
+    return size >= 4 && d[0] == 0 && d[1] == 0 && d[2] == 0 && d[3] == 1;
+}
+
+// Offset of the start code of the first coded slice, or size when there is none.
+uint32_t firstSlice(const uint8_t *data, uint32_t size) {
+    for (uint32_t i = 0; i + 4 < size; i++) {
+        if (data[i] != 0 || data[i + 1] != 0)
+            continue;
+        if (data[i + 2] == 1 && nalIsSlice(data[i + 3]))
+            return i;
+        if (data[i + 2] == 0 && data[i + 3] == 1 && nalIsSlice(data[i + 4]))
+            return i;
+    }
+    return size;
+}
+
+// Writes n bytes in pieces that the stream layer's signed 32-bit length can carry.
+void writeBytes(mp4_muxer *m, const uint8_t *p, uint32_t n) {
+    while (n > 0) {
+        uint32_t k = n > 0x40000000u ? 0x40000000u : n;
+        write_n(m, p, int32_t(k));
+        p += k;
+        n -= k;
+    }
+}
+
+void writeBE32(mp4_muxer *m, uint32_t v) {
+    uint8_t b[4] = {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
+    write_n(m, b, 4);
+}
+
+// How a sample's bytes are put on the output.
+struct Layout {
+    const uint8_t *data; // bytes to write after the length, if any
+    uint32_t size;       // that many
+    bool length_prefix;  // a 4-byte big-endian length (of `size`) goes first
+    uint32_t stored;     // bytes the sample occupies once written
+};
+
+// A leading start code of an H.264 sample becomes a 4-byte length of the rest.
+Layout layoutFor(const uint8_t *data, uint32_t size, bool convert_start_code, bool three_too) {
+    if (convert_start_code && startsWith4(data, size))
+        return Layout{data + 4, size - 4, true, size};
+    if (convert_start_code && three_too && startsWith3(data, size) && size < UINT32_MAX)
+        return Layout{data + 3, size - 3, true, size + 1};
+    return Layout{data, size, false, size};
+}
+
+void writeLayout(mp4_muxer *m, const Layout &l) {
+    if (l.length_prefix)
+        writeBE32(m, l.size);
+    writeBytes(m, l.data, l.size);
+}
+
+// The NAL header byte of the first NAL unit of an H.264 sample as it will be stored.
+bool avcSync(const uint8_t *data, uint32_t size, bool leading_three) {
+    uint32_t at = leading_three ? 3 : 4;
+    if (size <= at)
+        return false;
+    const uint8_t head[5] = {0, 0, 0, 1, data[at]};
+    return isIframe(head, 5) == 1;
+}
+
+// Tables of one track inside its stbl.
+struct Tables {
+    Stts *stts;
+    Stss *stss;
+    Stsc *stsc;
+    Stsz *stsz;
+    Stco *stco;
+    Co64 *co64;
+};
+
+Box *findTrak(Box *moov, uint32_t track_id) {
+    for (Box *b = getChild(moov, fourcc("trak")); b; b = b->next) {
+        if (b->type != fourcc("trak"))
+            continue;
+        Tkhd *tkhd = static_cast<Tkhd *>(getChild(b, fourcc("tkhd")));
+        if (tkhd && tkhd->alloc_size >= sizeof(Tkhd) && tkhd->track_ID == track_id)
+            return b;
+    }
+    return nullptr;
+}
+
+// Brings an entry array taken over from a file to the capacity realloc_p2 assumes for its count,
+// so that appending never writes past an exactly sized block.
+bool adoptArray(void **entries, uint32_t count, uint32_t entry_size) {
+    if (!*entries)
+        return true;
+    void *copy = nullptr;
+    if (realloc_p2(&copy, 0, count, entry_size))
+        return false;
+    memcpy(copy, *entries, size_t(count) * entry_size);
+    mp4_free(*entries);
+    *entries = copy;
+    return true;
+}
+
+// A tree taken over from a reader (the remuxers) is marked for measuring when written, and its
+// tables become the writer's own.
+bool adoptTrak(mp4_muxer *m, Box *trak, Box *mdia, Box *mdhd, Box *minf, Box *stbl,
+               const Tables &t) {
+    for (Box *b : {getChild(m->moov, fourcc("mvhd")), trak, getChild(trak, fourcc("tkhd")), mdia,
+                   mdhd, minf, stbl})
+        if (b)
+            b->node_flags |= BOX_AUTO_SIZE;
+    if (!m->max_moov_size)
+        m->moov->node_flags |= BOX_AUTO_SIZE;
+    bool ok = true;
+    auto own = [&](Box *b, void **entries, uint32_t count, uint32_t entry_size) {
+        if (!b)
+            return;
+        b->node_flags |= BOX_AUTO_SIZE;
+        if (!(b->node_flags & BOX_OWNS_ARRAYS) && *entries) {
+            // Not ours to free or grow: start a copy of our own.
+            void *copy = nullptr;
+            if (realloc_p2(&copy, 0, count, entry_size)) {
+                ok = false;
+                return;
+            }
+            memcpy(copy, *entries, size_t(count) * entry_size);
+            *entries = copy;
+        } else if (!adoptArray(entries, count, entry_size)) {
+            ok = false;
+            return;
+        }
+        b->node_flags |= BOX_OWNS_ARRAYS;
+    };
+    own(t.stts, reinterpret_cast<void **>(&t.stts->entries), t.stts->entry_count,
+        sizeof(SttsEntry));
+    if (t.stss)
+        own(t.stss, reinterpret_cast<void **>(&t.stss->entries), t.stss->entry_count, 4);
+    own(t.stsc, reinterpret_cast<void **>(&t.stsc->entries), t.stsc->entry_count,
+        sizeof(StscEntry));
+    own(t.stsz, reinterpret_cast<void **>(&t.stsz->entries),
+        t.stsz->sample_size ? 0 : t.stsz->sample_count, 4);
+    if (t.stco)
+        own(t.stco, reinterpret_cast<void **>(&t.stco->entries), t.stco->entry_count, 4);
+    if (t.co64)
+        own(t.co64, reinterpret_cast<void **>(&t.co64->entries), t.co64->entry_count, 8);
+    return ok;
+}
+
+// Appends one entry to a table; false (error 2 recorded) when it cannot grow.
+template <class E> bool append(mp4_muxer *m, E **entries, uint32_t *count, const E &value) {
+    if (*count == UINT32_MAX ||
+        realloc_p2(reinterpret_cast<void **>(entries), *count, *count + 1, sizeof(E))) {
+        m->error = MP4_ERR_NOMEM;
+        return false;
+    }
+    (*entries)[(*count)++] = value;
+    return true;
+}
+
+// Opens a new chunk at pos: stco, or co64 once the offset needs 64 bits.
+bool openChunk(mp4_muxer *m, Box *stbl, Tables &t, uint64_t pos) {
+    if (t.stco && pos > 0xFFFFFFFFull) {
+        uint32_t n = t.stco->entry_count;
+        uint64_t *wide = nullptr;
+        if (n == UINT32_MAX || realloc_p2(reinterpret_cast<void **>(&wide), 0, n + 1, 8)) {
+            m->error = MP4_ERR_NOMEM;
+            return false;
+        }
+        for (uint32_t i = 0; i < n; i++)
+            wide[i] = t.stco->entries[i];
+        wide[n] = pos;
+        Co64 *co64 = static_cast<Co64 *>(newBox(fourcc("co64"), 16 + 8 * (n + 1)));
+        co64->entries = wide;
+        co64->entry_count = n + 1;
+        deleteBox(t.stco);
+        addBox(co64, stbl);
+        t.stco = nullptr;
+        t.co64 = co64;
+        return true;
+    }
+    if (t.stco)
+        return append<uint32_t>(m, &t.stco->entries, &t.stco->entry_count, uint32_t(pos));
+    return append<uint64_t>(m, &t.co64->entries, &t.co64->entry_count, pos);
+}
+
+void writeFragmentSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t size,
+                         uint32_t duration, bool stored) {
+    mp4_track *t = &m->tracks[track_id - 1];
+    bool avc = t->fourcc == fourcc("avc1");
+    if (!stored) {
+        uint32_t skip = skip_video_header(data, size);
+        if (t->fourcc == fourcc("mp4a"))
+            skip = skip_aac_header(data, size);
+        else if (avc && skip == 0 && startsWith3(data, size) && !nalIsSlice(size > 3 ? data[3] : 0))
+            skip = firstSlice(data, size);
+        if (skip >= size && skip)
+            return; // headers only: nothing to store
+        data += skip;
+        size -= skip;
+    }
+    // A leading 4-byte start code becomes the length (for any codec); a 3-byte one for H.264.
+    Layout l = layoutFor(data, size, !stored && size > 3, avc);
+    uint32_t n = t->sample_count + 1;
+    if (n > t->sample_alloc) {
+        void *p = n ? mp4_realloc(t->samples, size_t(n) * sizeof(mp4_sample)) : nullptr;
+        if (!p) {
+            fprintf(stderr, "%s: failed to reallocate fragment buffer\n", "mp4_write_track");
+            m->error = MP4_ERR_NOMEM;
+            return;
+        }
+        t->samples = static_cast<mp4_sample *>(p);
+        t->sample_alloc = n;
+    }
+    t->sample_count = n;
+    uint64_t box_size = uint64_t(l.stored) + 8;
+    if (box_size > 0xFFFFFFFFull) {
+        uint32_t one = 1, type = fourcc("mdat");
+        box_size += 8;
+        rw32(m, &one);
+        rw32(m, &type);
+        rw64(m, &box_size);
+    } else {
+        uint32_t s32 = uint32_t(box_size), type = fourcc("mdat");
+        rw32(m, &s32);
+        rw32(m, &type);
+    }
+    uint64_t data_pos = muxer_pos(m);
+    writeLayout(m, l);
+    t->samples[n - 1] = mp4_sample{data_pos, l.stored, duration};
+}
+
+// The one path of every sample into a plain movie. `stored` samples are already in their stored
+// form (length-prefixed H.264, raw AAC): nothing of the encoder-output handling applies.
+void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t size,
+                 uint32_t duration, bool stored) {
+    if (is_reader(m)) {
+        m = m->linked;
+        if (!m || is_reader(m))
+            return;
+    }
+    if (track_id == 0 || track_id >= m->next_track_id || !data || !m->tracks)
+        return;
+    mp4_track *t = &m->tracks[track_id - 1];
+    uint64_t pos = muxer_pos(m);
+    if (m->buffer) {
+        writeFragmentSample(m, track_id, data, size, duration, stored);
+        return;
+    }
+    if (!m->moov) {
+        const bool at_start = pos == 0;
+        if (at_start)
+            write_ftyp(m);
+        create_moov(m);
+        if (!m->moov) {
+            m->error = MP4_ERR_NOMEM;
+            return;
+        }
+        if (at_start)
+            setup_moov_at_start(m);
+        pos = muxer_pos(m);
+    }
+    if (!m->mdat) {
+        // Room in front of the mdat header to widen it to 64 bits when it is patched.
+        DataBox pad{};
+        pad.type = (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");
+        pad.size = 8;
+        rwBox(m, &pad);
+        Box *mdat = newBox(fourcc("mdat"), 8);
+        if (!rwBox(m, mdat)) {
+            deleteBox(mdat);
+            return;
+        }
+        m->mdat = mdat;
+        m->flags |= MP4_NEW_CHUNK;
+        pos = mdat->data_pos;
+    }
+
+    const bool avc = t->fourcc == fourcc("avc1");
+    bool leading_three = false;
+    uint32_t skip = 0;
+    if (!stored) {
+        if (avc || t->fourcc == fourcc("mp4v")) {
+            skip = skip_video_header(data, size);
+            const uint8_t *header = data;
+            uint8_t widened[1024];
+            if (avc && skip == 0 && startsWith3(data, size) && size > 3 && !nalIsSlice(data[3])) {
+                // An access unit that opens with a 3-byte start code: its headers are found the
+                // same way, and handed on behind a 4-byte start code.
+                skip = firstSlice(data, size);
+                uint32_t n = skip < sizeof widened - 1 ? skip : uint32_t(sizeof widened - 1);
+                widened[0] = 0;
+                memcpy(widened + 1, data, n);
+                header = widened;
+                if (skip && (m->sps_size == 0 || m->pps_size == 0))
+                    mp4_set_parameter_data(m, header, n + 1);
+            } else if (skip && (m->sps_size == 0 || m->pps_size == 0)) {
+                mp4_set_parameter_data(m, header, skip);
+            }
+        } else if (t->fourcc == fourcc("mp4a")) {
+            skip = skip_aac_header(data, size);
+        }
+    }
+
+    if (m->interleave_duration && t->handler_type == fourcc("soun")) {
+        uintptr_t from = reinterpret_cast<uintptr_t>(data);
+        uintptr_t lo = reinterpret_cast<uintptr_t>(m->interleave_buffer);
+        uintptr_t hi = lo + m->interleave_size;
+        if (!m->interleave_buffer || from < lo || from > hi || size > hi - from) {
+            track_interleave(m, track_id, data, size, duration);
+            return;
+        }
+    }
+
+    if (skip) {
+        if (skip >= size)
+            return;
+        data += skip;
+        size -= skip;
+    }
+    leading_three = avc && !stored && !startsWith4(data, size) && startsWith3(data, size);
+    Layout l = layoutFor(data, size, avc && !stored, true);
+
+    if (m->max_file_size &&
+        pos + l.stored + checkBoxSize(m->moov) + 1024 > m->max_file_size) {
+        m->error = MP4_ERR_SIZE_LIMIT;
+        return;
+    }
+    writeLayout(m, l);
+    m->mdat->size += l.stored;
+
+    Box *trak = findTrak(m->moov, track_id);
+    if (!trak)
+        return;
+    Box *mdia = getChild(trak, fourcc("mdia"));
+    Mdhd *mdhd = static_cast<Mdhd *>(getChild(mdia, fourcc("mdhd")));
+    Box *minf = getChild(mdia, fourcc("minf"));
+    Box *stbl = getChild(minf, fourcc("stbl"));
+    if (mdhd && mdhd->alloc_size < sizeof(Mdhd))
+        mdhd = nullptr;
+    const uint64_t start_time = mdhd ? mdhd->duration : 0;
+    if (mdhd)
+        mdhd->duration += duration;
+    if (!stbl || size == 0)
+        return;
+    Tables tb{};
+    tb.stts = static_cast<Stts *>(getChild(stbl, fourcc("stts")));
+    tb.stss = static_cast<Stss *>(getChild(stbl, fourcc("stss")));
+    tb.stsc = static_cast<Stsc *>(getChild(stbl, fourcc("stsc")));
+    tb.stsz = static_cast<Stsz *>(getChild(stbl, fourcc("stsz")));
+    tb.stco = static_cast<Stco *>(getChild(stbl, fourcc("stco")));
+    tb.co64 = static_cast<Co64 *>(getChild(stbl, fourcc("co64")));
+    // Nodes the codec passed over hold no record.
+    auto full = [](Box *b, size_t record) { return b && b->alloc_size >= record; };
+    if (!full(tb.stss, sizeof(Stss)))
+        tb.stss = nullptr;
+    if (!full(tb.stco, sizeof(Stco)))
+        tb.stco = nullptr;
+    if (!full(tb.co64, sizeof(Co64)))
+        tb.co64 = nullptr;
+    if (!full(tb.stts, sizeof(Stts)) || !full(tb.stsc, sizeof(Stsc)) ||
+        !full(tb.stsz, sizeof(Stsz)) || !(tb.stco || tb.co64))
+        return;
+    if (!(trak->node_flags & BOX_AUTO_SIZE)) {
+        if (!adoptTrak(m, trak, mdia, mdhd, minf, stbl, tb)) {
+            m->error = MP4_ERR_NOMEM;
+            return;
+        }
+        trak->node_flags |= BOX_AUTO_SIZE;
+    }
+
+    uint32_t count = 1;
+    if (t->fourcc == fourcc("sowt")) {
+        // Every PCM frame is one sample of duration 1.
+        count = duration;
+        duration = 1;
+    }
+
+    Stts *stts = tb.stts;
+    if (!(stts->entry_count && stts->entries[stts->entry_count - 1].sample_delta == duration)) {
+        if (!append(m, &stts->entries, &stts->entry_count, SttsEntry{0, duration}))
+            return;
+    }
+    stts->entries[stts->entry_count - 1].sample_count += count;
+
+    uint32_t chunks = tb.stco ? tb.stco->entry_count : tb.co64->entry_count;
+    if (chunks == 0 || pos != tb.stsc->chunk_end)
+        m->flags |= MP4_NEW_CHUNK;
+    const bool new_chunk = (m->flags & MP4_NEW_CHUNK) != 0;
+
+    Stsz *stsz = tb.stsz;
+    if (stsz->sample_size) {
+        stsz->sample_count += count;
+    } else {
+        if (!append(m, &stsz->entries, &stsz->sample_count, l.stored))
+            return;
+    }
+
+    bool sync = false;
+    if (tb.stss) {
+        sync = avc ? (stored ? avcSync(data, size, false) : avcSync(data, size, leading_three))
+                   : isIframe(data, size) == 1;
+        if (sync && !append(m, &tb.stss->entries, &tb.stss->entry_count, stsz->sample_count))
+            return;
+    }
+
+    if (mdhd && (m->callback || m->sample_fn)) {
+        // The bytes reported must be on file when the caller looks.
+        flush_output(m);
+        uint32_t flags = tb.stss ? (sync ? 1 : 0) : 2;
+        report_sample(m, track_id, pos, start_time, l.stored, flags);
+    }
+
+    if (new_chunk) {
+        if (!openChunk(m, stbl, tb, pos))
+            return;
+        chunks++;
+    }
+
+    Stsc *stsc = tb.stsc;
+    if (!(stsc->entry_count && stsc->entries[stsc->entry_count - 1].first_chunk == chunks)) {
+        uint32_t carried = 0;
+        if (!new_chunk && stsc->entry_count)
+            carried = stsc->entries[stsc->entry_count - 1].samples_per_chunk;
+        if (!append(m, &stsc->entries, &stsc->entry_count, StscEntry{chunks, carried, 1}))
+            return;
+    }
+    stsc->entries[stsc->entry_count - 1].samples_per_chunk += count;
+    // Runs of equal chunks share one entry.
+    if (stsc->entry_count >= 2 && stsc->entries[stsc->entry_count - 1].samples_per_chunk ==
+                                      stsc->entries[stsc->entry_count - 2].samples_per_chunk)
+        stsc->entry_count--;
+    stsc->chunk_end = pos + l.stored;
+    m->flags &= uint8_t(~MP4_NEW_CHUNK);
+
+    if (tb.stss && m->moov_interval)
+        update_moov_atom(m, duration);
+}
+
+} // namespace
+
+extern "C" void mp4_write_track(mp4_muxer *m, uint32_t track_id, const uint8_t *data,
+                                uint32_t size, uint32_t duration) {
+    if (!m)
+        return;
+    mp4_muxer *w = is_reader(m) ? m->linked : m;
+    if (!w)
+        return;
+    writeSample(w, track_id, data, size, duration, w->stored_form != 0);
+}
+
+void write_stored_sample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t size,
+                         uint32_t duration) {
+    if (m)
+        writeSample(m, track_id, data, size, duration, true);
+}
+
+extern "C" void mp4_write_skip_data(mp4_muxer *m, const uint8_t *data, uint32_t size) {
+    if (!m || size == 0)
+        return;
+    if (is_reader(m)) {
+        m = m->linked;
+        if (!m || is_reader(m))
+            return;
+    }
+    DataBox skip{};
+    skip.type = fourcc("skip");
+    skip.size = uint64_t(size) + 8;
+    skip.data = const_cast<uint8_t *>(data); // only read: the box is being written
+    rwBox(m, &skip);
+    // Inside an open mdat the box is part of its payload, so the size patched at the finish
+    // still matches the position.
+    if (m->mdat && !m->buffer)
+        m->mdat->size += uint64_t(size) + 8;
+}
+
+uint32_t skip_video_header(const uint8_t *data, uint32_t size) {
+    if (!data || size < 5 || data[0] != 0 || data[1] != 0)
+        return 0;
+    if (data[2] == 0 && data[3] == 1 && (data[4] & 0x9F) == 1)
+        return 0; // a non-IDR slice right away
+    if (data[2] == 1) {
+        if (data[3] != 0xB0)
+            return 0;
+        // MPEG-4 Visual: the configuration runs up to the first video object plane.
+        for (uint32_t i = 0; i <= 128 && i + 4 <= size; i++)
+            if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 && data[i + 3] == 0xB6)
+                return i;
+        return 0;
+    }
+    if (data[2] != 0 || data[3] != 1)
+        return 0;
+    return firstSlice(data, size);
+}
+
+uint32_t skip_aac_header(const uint8_t *data, uint32_t size) {
+    if (!data || size <= 1 || data[0] != 0xFF || (data[1] & 0xF0) != 0xF0)
+        return 0;
+    return (data[1] & 1) ? 7 : 9; // without / with the CRC
+}
+
+int isIframe(const uint8_t *data, uint32_t size) {
+    if (!data)
+        return 0;
+    if (startsWith3(data, size)) {
+        // MPEG-4 Visual: step over the headers that may precede the plane.
+        uint32_t p = 0;
+        auto at = [&](uint32_t k) -> int { return p + k < size ? data[p + k] : -1; };
+        if (at(3) == 0xB0)
+            p += 5;
+        if (at(3) == 0xB5)
+            p += 6;
+        if (at(3) == 0x00)
+            p += 3;
+        if (at(3) == 0x20)
+            p += 25;
+        int code = at(3), type = at(4);
+        return code == 0xB6 && type >= 0 && (type & 0xC0) == 0 ? 1 : 0;
+    }
+    if (size < 5)
+        return 0;
+    uint8_t type = data[4] & 0x1F;
+    return type == 5 || type == 7 ? 1 : 0;
+}
+
+int realloc_p2(void **array, uint32_t old_count, uint32_t new_count, uint32_t entry_size) {
+    uint64_t old_bytes = uint64_t(old_count) * entry_size;
+    uint64_t new_bytes = uint64_t(new_count) * entry_size;
+    auto round = [&](uint64_t n) -> uint64_t {
+        if (new_bytes > 0xFFFFF)
+            return (n + 0xFFFFF) & ~uint64_t(0xFFFFF);
+        uint64_t r = 1;
+        if (n == 0)
+            return 0;
+        while (r < n)
+            r <<= 1;
+        return r;
+    };
+    uint64_t old_round = round(old_bytes), new_round = round(new_bytes);
+    if (*array && old_round == new_round)
+        return 0;
+    void *p = new_round <= 0xFFFFFFFFull ? mp4_realloc(*array, size_t(new_round)) : nullptr;
+    if (!p) {
+        fprintf(stderr, "failed to allocate %u bytes\n", unsigned(new_round));
+        return 1;
+    }
+    *array = p;
+    return 0;
+}
