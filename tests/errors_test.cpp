@@ -18,7 +18,9 @@ struct Pair {
     ~Pair() { mp4_delete(a); }
 };
 
-std::string text(const char *s) { return s ? s : "(null)"; }
+std::string text(const char *s) {
+    return s ? s : "(null)";
+}
 
 } // namespace
 

@@ -54,9 +54,13 @@ struct TempFile {
     }
 };
 
-bool fd_is_open(int fd) { return fcntl(fd, F_GETFD) != -1 || errno != EBADF; }
+bool fd_is_open(int fd) {
+    return fcntl(fd, F_GETFD) != -1 || errno != EBADF;
+}
 
-std::string bytes(const uint8_t *p, size_t n) { return std::string(reinterpret_cast<const char *>(p), n); }
+std::string bytes(const uint8_t *p, size_t n) {
+    return std::string(reinterpret_cast<const char *>(p), n);
+}
 
 } // namespace
 
@@ -171,7 +175,7 @@ TEST(HandleFileName, ReaderOpensReadOnlyAndDeletionClosesIt) {
     ASSERT_NE(m->fp, nullptr);
     EXPECT_EQ(m->own_file, 1u);
     EXPECT_EQ(m->error, 0);
-    EXPECT_EQ(f.contents(), "hello"); // "rb" does not truncate
+    EXPECT_EQ(f.contents(), "hello");  // "rb" does not truncate
     EXPECT_EQ(fputc('x', m->fp), EOF); // and does not write
     char buf[5] = {};
     EXPECT_EQ(fread(buf, 1, 5, m->fp), 5u);
@@ -201,6 +205,25 @@ TEST(HandleFileName, WriterOpensTruncatingReadWriteAndDeletionFlushesAndClosesIt
     mp4_delete(m);
     EXPECT_FALSE(fd_is_open(fd));
     EXPECT_EQ(f.contents(), "abcdef");
+}
+
+TEST(HandleFileName, SecondOpenReplacesAndClosesTheFirst) {
+    TempFile f1("one"), f2("two");
+    mp4_muxer *m = mp4_reader_create();
+    mp4_file_name_ascii(m, f1.path.c_str());
+    ASSERT_NE(m->fp, nullptr);
+    int first = fileno(m->fp);
+    mp4_file_name_ascii(m, f2.path.c_str());
+    ASSERT_NE(m->fp, nullptr);
+    EXPECT_EQ(m->own_file, 1u);
+    char c = 0;
+    EXPECT_EQ(fread(&c, 1, 1, m->fp), 1u);
+    EXPECT_EQ(c, 't');
+    // The first stream belongs to the library too, so it must not be left open (nor leak).
+    if (fileno(m->fp) != first) {
+        EXPECT_FALSE(fd_is_open(first));
+    }
+    mp4_delete(m);
 }
 
 TEST(HandleFileName, RemuxerOpensForItsLinkedHandle) {
@@ -296,7 +319,8 @@ TEST(HandleDelete, WarnsOnlyWhenAQueuedBufferHoldsData) {
         write_n(m, "data", 4);
         CaptureStderr();
         mp4_delete(m);
-        EXPECT_EQ(GetCapturedStderr(), "mp4_delete: warning: buffer is still queued with data in it\n");
+        EXPECT_EQ(GetCapturedStderr(),
+                  "mp4_delete: warning: buffer is still queued with data in it\n");
     }
     {
         mp4_muxer *m = mp4_writer_create();
@@ -416,7 +440,7 @@ TEST(MemoryWriter, SeeksZeroExtendRevisitAndRefuseOutsideBothAreas) {
     write_n(m.get(), "xy", 2);
     EXPECT_EQ(bytes(buf, 4), "ABxy");
     EXPECT_EQ(m->max_pos, 10u);
-    muxer_seek(m.get(), 0); // the buffer's first byte
+    muxer_seek(m.get(), 0);  // the buffer's first byte
     muxer_seek(m.get(), 32); // one past its last: beyond max_pos, zero-fills up to it exactly
     EXPECT_EQ(GetCapturedStdout(), "");
     EXPECT_EQ(m->error, 0);
@@ -506,6 +530,19 @@ TEST(MemoryWriter, OverflowKeepsTheTailInTheOverflowArea) {
     for (uint8_t b : buf2)
         EXPECT_EQ(b, 0xEE);
     m->pos = 25; // nothing queued in buf2, so deletion stays quiet
+}
+
+TEST(MemoryWriterDeathTest, OverflowAreaThatCannotGrowAborts) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            mp4_muxer *m = mp4_writer_create();
+            uint8_t buf[4];
+            mp4_buf_put(m, buf, sizeof buf);
+            mp4_alloc_fail_after(0);
+            write_n(m, "0123456789", 10);
+        },
+        "m->overflow_buffer != NULL");
 }
 
 TEST(MemoryWriter, BufGetCountsAndAdjustment) {

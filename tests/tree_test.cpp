@@ -102,6 +102,7 @@ TEST(BoxTree, InsertAfterPlacesBetweenSiblingsAndGrowsAncestors) {
     insertBoxAfter(n, a);
     EXPECT_EQ(parent->size, 133u);
     EXPECT_EQ(moov->size, 141u);
+    EXPECT_EQ(a->size, 46u); // the sibling it follows does not grow
     EXPECT_EQ(getParent(n), parent);
     EXPECT_EQ(children(parent), (std::vector<Box *>{a, n, b}));
 
@@ -434,9 +435,8 @@ TEST(UpdateBoxSize, NoPlaceholderLeavesTheStreamAndReports) {
         b->size = 0x100000000ull;
         CaptureStderr();
         updateBoxSize(m, b);
-        EXPECT_EQ(GetCapturedStderr(),
-                  "updateBoxSize: 64-bit failed  (size=" + std::to_string(c.size) +
-                      " type=" + c.pad + ")\n");
+        EXPECT_EQ(GetCapturedStderr(), "updateBoxSize: 64-bit failed  (size=" +
+                                           std::to_string(c.size) + " type=" + c.pad + ")\n");
         EXPECT_EQ(Bytes(buf, buf + sizeof buf), before);
         EXPECT_EQ(b->size, 0x100000000ull);
         EXPECT_EQ(m->pos, 24u);
