@@ -491,3 +491,31 @@ TEST(RwSubBox, WithoutAHandleItOnlyLinks) {
     EXPECT_EQ(tkhd->data_pos, 0u); // nothing was written
     deleteBox(moov);
 }
+
+TEST(RwSubBox, WriterWritesTheBoxAndPatchesEveryAncestorHeader) {
+    uint8_t buf[64];
+    memset(buf, 0xEE, sizeof buf);
+    mp4_muxer *m = mp4_writer_create();
+    mp4_buf_put(m, buf, sizeof buf);
+    Box *moov = newBox(fourcc("moov"), 8);
+    Box *trak = newBox(fourcc("trak"), 8);
+    ASSERT_EQ(rwSubBox(m, moov, nullptr), moov); // no parent: written, nothing linked
+    ASSERT_EQ(rwSubBox(m, trak, moov), trak);
+    EXPECT_EQ(Bytes(buf, buf + 16), Bytes({0, 0, 0, 16, 'm', 'o', 'o', 'v', //
+                                           0, 0, 0, 8, 't', 'r', 'a', 'k'}));
+
+    Box *pad = newBox(fourcc("free"), 12);
+    ASSERT_EQ(rwSubBox(m, pad, trak), pad);
+    EXPECT_EQ(trak->size, 20u);
+    EXPECT_EQ(moov->size, 28u);
+    EXPECT_EQ(m->parent, nullptr);
+    EXPECT_EQ(m->pos, 28u);
+    EXPECT_EQ(Bytes(buf, buf + 29), Bytes({0, 0, 0, 28, 'm', 'o', 'o', 'v', //
+                                           0, 0, 0, 20, 't', 'r', 'a', 'k', //
+                                           0, 0, 0, 12, 'f', 'r', 'e', 'e', //
+                                           0, 0, 0, 0,  0xEE}));
+    EXPECT_EQ(m->error, 0);
+    EXPECT_EQ(mp4_buf_get(m), 28u);
+    deleteBox(moov);
+    mp4_delete(m);
+}
