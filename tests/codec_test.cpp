@@ -507,6 +507,38 @@ TEST(CodecResize, StaleAutoSizeIsPatchedAndReported) {
     deleteBox(moov);
 }
 
+TEST(CodecResize, ReportSwitches) {
+    // With show_resizing off, only a box that came out smaller than declared is reported,
+    // and only while show_actual_size is on.
+    struct Restore {
+        ~Restore() { show_resizing = show_actual_size = 1; }
+    } restore;
+    auto run = [](uint64_t declared) {
+        Box *moov = newBox(fourcc("moov"), 8);
+        addBox(newBox(fourcc("trak"), 8), moov);
+        moov->size = declared;
+        Bytes out(64);
+        mp4_muxer *m = mp4_writer_create();
+        m->flags |= MP4_DEBUG;
+        mp4_buf_put(m, out.data(), 64);
+        testing::internal::CaptureStdout();
+        rwBox(m, moov);
+        std::string printed = testing::internal::GetCapturedStdout();
+        mp4_buf_get(m);
+        mp4_delete(m);
+        EXPECT_EQ(moov->size, 16u);
+        deleteBox(moov);
+        return printed.find("(actual moov box size 16)") != std::string::npos;
+    };
+    show_resizing = 0;
+    EXPECT_TRUE(run(100)) << "shrunk";
+    EXPECT_FALSE(run(12)) << "grown";
+    show_actual_size = 0;
+    EXPECT_FALSE(run(100));
+    show_resizing = 1;
+    EXPECT_TRUE(run(12));
+}
+
 TEST(CodecResize, NoResizeReportWithoutDebug) {
     Box *moov = newBox(fourcc("moov"), 100);
     testing::internal::CaptureStdout();
