@@ -289,6 +289,19 @@ TEST(ExtendBox, HeapHeaderOnlyNodeGrowsAndKeepsItsHeader) {
     EXPECT_EQ(mvhd->timescale, 0u);
     EXPECT_EQ(mvhd->next_track_ID, 0u);
     deleteBox(p);
+
+    // A node whose allocated size was never recorded still keeps its header.
+    b = static_cast<Box *>(mp4_calloc(1, sizeof(Box)));
+    b->type = fourcc("tkhd");
+    b->size = 92;
+    b->node_flags = BOX_HEAP | BOX_HEADER_ONLY;
+    p = b;
+    ASSERT_NE(extendBox(&p, sizeof(Tkhd)), nullptr);
+    EXPECT_EQ(p->type, fourcc("tkhd"));
+    EXPECT_EQ(p->size, 92u);
+    EXPECT_EQ(p->node_flags, BOX_HEAP | BOX_HEADER_ONLY);
+    EXPECT_EQ(static_cast<Tkhd *>(p)->track_ID, 0u);
+    deleteBox(p);
 }
 
 TEST(ExtendBox, NullNodeGetsAFreshRecord) {

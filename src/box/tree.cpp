@@ -96,8 +96,9 @@ Box *extendBox(Box **pbox, size_t record_size) {
             return nullptr;
         }
         box = static_cast<Box *>(p);
-        memset(reinterpret_cast<uint8_t *>(box) + box->alloc_size, 0,
-               record_size - box->alloc_size);
+        // The header is always valid, even in a node whose allocated size was never recorded.
+        size_t old = box->alloc_size < sizeof(Box) ? sizeof(Box) : box->alloc_size;
+        memset(reinterpret_cast<uint8_t *>(box) + old, 0, record_size - old);
         box->alloc_size = uint32_t(record_size);
     } else {
         auto *fresh = static_cast<Box *>(mp4_calloc(1, record_size));
