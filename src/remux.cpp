@@ -1,0 +1,851 @@
+// The two remuxers, each a pair of linked handles.
+//
+// Defragmenting: a reader fed with memory buffers, linked to a writer that produces a plain
+// movie. The input's moov becomes the writer's movie tree; while the box codec reads a trun it
+// hands every sample to defrag_callback, which finds the sample's bytes in the mdat boxes read
+// since the previous moof and writes them through the writer.
+//
+// Refragmenting: a writer to memory buffers, linked to a reader of a plain movie. The input's
+// moov is rewritten for fragments (tables emptied, mvex added), every sample is mapped once,
+// and each call copies the audio due up to the next video sample and that video sample, with a
+// fragment header after every frag_samples video samples.
+//
+// Samples cross from one half to the other in stored form (length-prefixed H.264, raw AAC), so
+// both remuxers hand them to write_stored_sample, never to the encoder-output path.
+#include "internal.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+// ---- shared helpers --------------------------------------------------------------------------
+
+uint64_t header_size(const Box *b) {
+    return req64(b->size) ? 16 : 8;
+}
+
+// The record of the first child of `type`, or null when there is none or the codec kept only
+// its header.
+template <class T> T *child(Box *box, uint32_t type) {
+    Box *c = getChild(box, type);
+    return c && c->alloc_size >= sizeof(T) ? static_cast<T *>(c) : nullptr;
+}
+
+// Unlinks a box from its parent without touching any size: used for nodes whose sizes cannot
+// be trusted, where subtracting them could wrap the ancestors' sizes.
+void detach(Box *b) {
+    Box *p = b->parent;
+    if (p) {
+        if (p->first_child == b) {
+            p->first_child = b->next;
+        } else {
+            for (Box *c = p->first_child; c; c = c->next)
+                if (c->next == b) {
+                    c->next = b->next;
+                    break;
+                }
+        }
+    }
+    b->parent = nullptr;
+    b->next = nullptr;
+}
+
+// Removes every box that claims to reach beyond its parent's end. Such a node cannot have been
+// read from the bytes it claims (the codec skips unknown content with a seek), and writing it
+// back would seek the output forward by whatever the input declared. Eight bytes of slack cover
+// a 64-bit header, whose length the node does not record.
+void prune_overreaching(Box *parent, int depth) {
+    if (depth > 32)
+        return;
+    uint64_t parent_end = parent->data_pos - header_size(parent) + parent->size;
+    for (Box *c = parent->first_child; c;) {
+        Box *next = c->next;
+        uint64_t start = c->data_pos - header_size(c);
+        if (c->size < 8 || start < parent->data_pos - header_size(parent) ||
+            start + c->size < start || start + c->size > parent_end + 8) {
+            detach(c);
+            deleteBox(c);
+        } else {
+            prune_overreaching(c, depth + 1);
+        }
+        c = next;
+    }
+}
+
+// Size of the file behind a reader, 0 when unknown (no file, or not a regular file).
+uint64_t input_size(mp4_muxer *r) {
+    struct stat st;
+    int fd = r->fd != -1 ? r->fd : (r->fp ? fileno(r->fp) : -1);
+    if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+        return 0;
+    return uint64_t(st.st_size);
+}
+
+// A movie tree taken from input is written back by the remuxers; it must not claim more bytes
+// than the input holds, nor hold children that reach outside their parents.
+bool plausible_movie(mp4_muxer *src, Box *moov) {
+    uint64_t limit = input_size(src);
+    if (limit && moov->size > limit)
+        return false;
+    prune_overreaching(moov, 0);
+    return true;
+}
+
+// Makes the track array of `h` hold at least `next` - 1 zero-filled records; records that
+// exist are kept. False when the array cannot be grown.
+bool ensure_tracks(mp4_muxer *h, uint32_t next) {
+    uint32_t have = h->tracks && h->next_track_id > 0 ? h->next_track_id - 1 : 0;
+    uint32_t want = next > 0 ? next - 1 : 0;
+    if (h->tracks && want <= have)
+        return true;
+    if (want < have)
+        want = have;
+    void *p = mp4_realloc(h->tracks, (size_t(want) ? size_t(want) : 1) * sizeof(mp4_track));
+    if (!p)
+        return false;
+    h->tracks = static_cast<mp4_track *>(p);
+    if (want > have)
+        memset(h->tracks + have, 0, size_t(want - have) * sizeof(mp4_track));
+    h->next_track_id = want + 1;
+    return true;
+}
+
+// The track_ID of a trak, 0 without tkhd.
+uint32_t trak_id(Box *trak) {
+    auto *tkhd = child<Tkhd>(trak, fourcc("tkhd"));
+    return tkhd ? tkhd->track_ID : 0;
+}
+
+// Copies what the moov says about each track into a handle's records.
+void describe_tracks(mp4_muxer *h, Box *moov) {
+    for (Box *trak = getChild(moov, fourcc("trak")); trak; trak = trak->next) {
+        if (trak->type != fourcc("trak"))
+            continue;
+        uint32_t id = trak_id(trak);
+        if (id == 0 || id >= h->next_track_id)
+            continue;
+        mp4_track &t = h->tracks[id - 1];
+        Box *mdia = getChild(trak, fourcc("mdia"));
+        if (auto *hdlr = child<Hdlr>(mdia, fourcc("hdlr")))
+            t.handler_type = hdlr->handler_type;
+        if (auto *mdhd = child<Mdhd>(mdia, fourcc("mdhd")))
+            t.timescale = mdhd->timescale;
+        Box *stsd =
+            getChild(getChild(getChild(mdia, fourcc("minf")), fourcc("stbl")), fourcc("stsd"));
+        if (stsd && stsd->first_child)
+            t.fourcc = stsd->first_child->type;
+    }
+}
+
+// ---- the chain of mdat boxes waiting for their moof ----------------------------------------
+//
+// The handle's mdat field holds a header-only holder node; the mdat boxes are its children,
+// newest first, so that deleting the holder (here or in mp4_delete) frees them all without
+// recursion. The holder's data block is a lookup index over the chain, rebuilt when the chain
+// has changed (it cannot change while a moof is being read), so that a moof of n samples over n
+// boxes costs n log n instead of n squared.
+
+struct ChainEntry {
+    Box *box;
+    uint64_t pos;
+    uint32_t len;
+    uint32_t seq; // arrival order: larger is newer
+};
+
+struct ChainIndex {
+    Box *head; // the newest box when the index was built
+    uint32_t count;
+    uint32_t unused;
+    // followed by count entries ordered by position, then count ordered by payload length
+};
+
+ChainEntry *by_pos(ChainIndex *idx) {
+    return reinterpret_cast<ChainEntry *>(idx + 1);
+}
+ChainEntry *by_len(ChainIndex *idx) {
+    return by_pos(idx) + idx->count;
+}
+
+// Bytes of payload the codec holds for an mdat (its length is kept in 32 bits).
+uint32_t payload_len(const Box *b) {
+    return b->size >= 8 ? uint32_t(b->size - 8) : 0;
+}
+
+void chain_push(mp4_muxer *m, Box *box) {
+    if (!m->mdat)
+        m->mdat = newBox(fourcc("mdat"), 0);
+    Box *holder = m->mdat;
+    box->parent = holder;
+    box->next = holder->first_child;
+    holder->first_child = box;
+    holder->size += box->size;
+}
+
+void chain_clear(mp4_muxer *m) {
+    deleteBox(m->mdat);
+    m->mdat = nullptr;
+}
+
+ChainIndex *chain_index(mp4_muxer *m) {
+    auto *holder = static_cast<DataBox *>(m->mdat);
+    if (!holder)
+        return nullptr;
+    auto *idx = reinterpret_cast<ChainIndex *>(holder->data);
+    if (idx && idx->head == holder->first_child)
+        return idx;
+    uint32_t n = 0;
+    for (Box *b = holder->first_child; b; b = b->next)
+        n++;
+    auto *fresh = static_cast<ChainIndex *>(
+        mp4_malloc(sizeof(ChainIndex) + 2 * size_t(n) * sizeof(ChainEntry)));
+    if (!fresh) {
+        m->error = MP4_ERR_NOMEM;
+        return nullptr;
+    }
+    fresh->head = holder->first_child;
+    fresh->count = n;
+    uint32_t i = 0;
+    for (Box *b = holder->first_child; b; b = b->next, i++)
+        by_pos(fresh)[i] = {b, b->data_pos, payload_len(b), n - 1 - i};
+    memcpy(by_len(fresh), by_pos(fresh), size_t(n) * sizeof(ChainEntry));
+    std::sort(by_pos(fresh), by_pos(fresh) + n, [](const ChainEntry &a, const ChainEntry &b) {
+        return a.pos != b.pos ? a.pos < b.pos : a.seq < b.seq;
+    });
+    std::sort(by_len(fresh), by_len(fresh) + n, [](const ChainEntry &a, const ChainEntry &b) {
+        return a.len != b.len ? a.len < b.len : a.seq > b.seq;
+    });
+    mp4_free(holder->data);
+    holder->data = reinterpret_cast<uint8_t *>(fresh);
+    return fresh;
+}
+
+bool holds(const ChainEntry &e, uint64_t offset, uint32_t length) {
+    if (offset < e.pos)
+        return false;
+    uint64_t rel = offset - e.pos;
+    return rel <= e.len && length <= e.len - rel;
+}
+
+// The newest box whose payload holds [offset, offset + length). Boxes of one stream do not
+// overlap, so only those starting at the nearest position at or before offset can hold it.
+Box *find_holding(ChainIndex *idx, uint64_t offset, uint32_t length) {
+    ChainEntry *e = by_pos(idx);
+    ChainEntry *it = std::upper_bound(e, e + idx->count, offset,
+                                      [](uint64_t v, const ChainEntry &c) { return v < c.pos; });
+    if (it == e)
+        return nullptr;
+    uint64_t nearest = (it - 1)->pos;
+    for (ChainEntry *q = it; q != e && (q - 1)->pos == nearest; --q)
+        if (holds(*(q - 1), offset, length))
+            return (q - 1)->box;
+    return nullptr;
+}
+
+// The newest box whose payload is exactly `length` bytes long.
+Box *find_by_length(ChainIndex *idx, uint32_t length) {
+    ChainEntry *e = by_len(idx);
+    ChainEntry *it = std::lower_bound(e, e + idx->count, length,
+                                      [](const ChainEntry &c, uint32_t v) { return c.len < v; });
+    return (it != e + idx->count && it->len == length) ? it->box : nullptr;
+}
+
+// The newest box starting at `offset` whose payload length is not `length`.
+Box *find_at_position(ChainIndex *idx, uint64_t offset, uint32_t length) {
+    ChainEntry *e = by_pos(idx);
+    ChainEntry *it = std::upper_bound(e, e + idx->count, offset,
+                                      [](uint64_t v, const ChainEntry &c) { return v < c.pos; });
+    for (; it != e && (it - 1)->pos == offset; --it)
+        if ((it - 1)->len != length)
+            return (it - 1)->box;
+    return nullptr;
+}
+
+// Decode time owed to a track by samples that could not be copied. It is added to the track's
+// next copied sample, so that every later sample keeps its decode time and the tracks stay in
+// sync; the reader's track record keeps it in `timestamp`.
+uint64_t *owed_duration(mp4_muxer *m, uint32_t track_ID) {
+    if (!m->tracks || track_ID == 0 || track_ID >= m->next_track_id)
+        return nullptr;
+    return &m->tracks[track_ID - 1].timestamp;
+}
+
+void skip_sample(mp4_muxer *m, uint32_t track_ID, uint32_t duration) {
+    if (uint64_t *owed = owed_duration(m, track_ID))
+        *owed += duration;
+}
+
+uint32_t settle_duration(mp4_muxer *m, uint32_t track_ID, uint32_t duration) {
+    uint64_t *owed = owed_duration(m, track_ID);
+    if (!owed || !*owed)
+        return duration;
+    uint64_t total = *owed + duration;
+    uint64_t now = total > 0xFFFFFFFFu ? 0xFFFFFFFFu : total;
+    *owed = total - now;
+    return uint32_t(now);
+}
+
+// ---- defragmenting ---------------------------------------------------------------------------
+
+// Takes a moov read from the input as the movie tree of both halves. False ends the pass.
+bool adopt_moov(mp4_muxer *m, Box *moov) {
+    mp4_muxer *w = m->linked;
+    auto *mvhd = child<Mvhd>(moov, fourcc("mvhd"));
+    if (!mvhd) {
+        printf("%s: moov without mvhd\n", "defrag");
+        m->error = MP4_ERR_BAD_INPUT;
+        deleteBox(moov);
+        return false;
+    }
+    if (m->moov || w->moov) {
+        // The writer is already filling a tree; a second one would orphan its tables.
+        printf("%s: ignoring another moov\n", "defrag");
+        deleteBox(moov);
+        return true;
+    }
+    if (!plausible_movie(m, moov)) {
+        printf("%s: moov larger than its input\n", "defrag");
+        m->error = MP4_ERR_BAD_INPUT;
+        deleteBox(moov);
+        return false;
+    }
+    uint32_t next = mvhd->next_track_ID ? mvhd->next_track_ID : 1;
+    // The writer gets records as well: any later track created on the remuxer lands there and
+    // grows the array one record at a time from what exists.
+    if (!ensure_tracks(w, next) || !ensure_tracks(m, next)) {
+        m->error = MP4_ERR_NOMEM;
+        deleteBox(moov);
+        return false;
+    }
+    m->moov = moov;
+    w->moov = moov;
+    describe_tracks(m, moov);
+    describe_tracks(w, moov);
+    return true;
+}
+
+// Bytes of payload actually held in memory for an mdat. The codec keeps the payload right
+// behind the record, and a box cut short by the end of its input piece holds only the part that
+// arrived, less than its declared length.
+uint32_t held_len(const Box *b) {
+    auto *d = static_cast<const DataBox *>(b);
+    if (!d->data)
+        return 0;
+    uint32_t declared = payload_len(b);
+    if (d->data == reinterpret_cast<const uint8_t *>(d) + sizeof(DataBox) &&
+        b->alloc_size >= sizeof(DataBox) && b->alloc_size - sizeof(DataBox) < declared)
+        return uint32_t(b->alloc_size - sizeof(DataBox));
+    return declared;
+}
+
+// Copies the bytes of one sample found in `md` (or, on a file-backed reader, at `offset`).
+// Returns the length written: a sample whose mdat arrived cut short keeps only the bytes that
+// arrived, and one of which nothing arrived is skipped like a sample that was not found.
+uint32_t copy_sample(mp4_muxer *m, Box *md, uint32_t track_ID, uint64_t offset, uint32_t length,
+                     uint32_t duration) {
+    mp4_muxer *w = m->linked;
+    if (m->fp || m->fd != -1) {
+        duration = settle_duration(m, track_ID, duration);
+        uint8_t *bytes = read_tmp(m, offset, length);
+        if (!bytes) {
+            skip_sample(m, track_ID, duration);
+            return length;
+        }
+        write_stored_sample(w, track_ID, bytes, length, duration);
+        mp4_free(bytes);
+        return length;
+    }
+    static const uint8_t nothing = 0; // a zero-length sample still needs a valid pointer
+    const uint8_t *data = &nothing;
+    if (length) {
+        uint64_t rel = offset - md->data_pos;
+        uint32_t held = held_len(md);
+        if (rel >= held) {
+            skip_sample(m, track_ID, duration);
+            return length;
+        }
+        if (length > held - rel)
+            length = uint32_t(held - rel);
+        data = static_cast<DataBox *>(md)->data + rel;
+    }
+    write_stored_sample(w, track_ID, data, length, settle_duration(m, track_ID, duration));
+    return length;
+}
+
+} // namespace
+
+uint32_t defrag_callback(mp4_muxer *m, uint32_t track_ID, uint64_t offset, uint32_t length,
+                         uint32_t duration) {
+    mp4_muxer *w = m ? m->linked : nullptr;
+    if (!w || offset == 0)
+        return length;
+    offset -= uint64_t(int64_t(m->buffer_adjust));
+    if (!w->moov || track_ID == 0 || track_ID >= w->next_track_id)
+        return length; // no movie to record it in, or no such track
+
+    ChainIndex *idx = chain_index(m);
+    Box *md = idx ? find_holding(idx, offset, length) : nullptr;
+    if (!md) {
+        printf("%s: failed to find a MDAT containing referenced track data at offset %lu "
+               "len=%u\n",
+               "defrag_callback", (unsigned long)offset, length);
+        if (idx && (md = find_by_length(idx, length))) {
+            // One sample per mdat: a box of exactly this length is the sample, and the distance
+            // to it applies to every later sample.
+            m->buffer_adjust =
+                int32_t(uint32_t(m->buffer_adjust) + uint32_t(offset - md->data_pos));
+            offset = md->data_pos;
+            printf("%s: buffer_adjust is %d\n", "defrag_callback", m->buffer_adjust);
+        } else if (idx && (md = find_at_position(idx, offset, length))) {
+            length = payload_len(md);
+        }
+        if (!md) {
+            if (idx && idx->count > 500)
+                m->error = MP4_ERR_NO_MDAT;
+            skip_sample(m, track_ID, duration);
+            return length;
+        }
+    }
+    return copy_sample(m, md, track_ID, offset, length, duration);
+}
+
+void defrag(mp4_muxer *m) {
+    if (!m || !m->linked)
+        return;
+    mp4_muxer *w = m->linked;
+    while (!at_end_of_input(m)) {
+        m->parent = nullptr;
+        Box *box = rwBox(m, nullptr);
+        if (!box)
+            break;
+        bool go_on = true;
+        switch (box->type) {
+        case fourcc("moov"):
+            go_on = adopt_moov(m, box);
+            break;
+        case fourcc("mdat"):
+            chain_push(m, box);
+            break;
+        case fourcc("moof"):
+            // Its samples were copied while it was read; the data it described is done with.
+            chain_clear(m);
+            deleteBox(box);
+            break;
+        case fourcc("ftyp"):
+            // Only at the very start of the output: later it would land inside the media data.
+            if (muxer_pos(w) == 0)
+                rwBox(w, box);
+            deleteBox(box);
+            break;
+        default:
+            deleteBox(box);
+            break;
+        }
+        if (!go_on || m->error)
+            break;
+    }
+}
+
+// ---- refragmenting ---------------------------------------------------------------------------
+
+namespace {
+
+// Shrinks a box (and its ancestors by the same amount) to `size` bytes, when every ancestor is
+// large enough for that to be consistent.
+void shrink_box(Box *box, uint64_t size) {
+    if (!box || box->size <= size)
+        return;
+    uint64_t d = box->size - size;
+    for (Box *a = box; a; a = a->parent)
+        if (a->size < d)
+            return;
+    for (Box *a = box; a; a = a->parent)
+        a->size -= d;
+}
+
+struct Tables {
+    Tkhd *tkhd;
+    Mdhd *mdhd;
+    Hdlr *hdlr;
+    Box *stsd;
+    Stts *stts;
+    Stsc *stsc;
+    Stsz *stsz;
+    Stco *stco;
+    Co64 *co64;
+    Stss *stss;
+};
+
+// Looks up the boxes a track needs to be copied; false when one is missing or inconsistent.
+bool find_tables(Box *trak, Tables &t) {
+    t.tkhd = child<Tkhd>(trak, fourcc("tkhd"));
+    Box *mdia = getChild(trak, fourcc("mdia"));
+    t.mdhd = child<Mdhd>(mdia, fourcc("mdhd"));
+    t.hdlr = child<Hdlr>(mdia, fourcc("hdlr"));
+    Box *minf = getChild(mdia, fourcc("minf"));
+    Box *stbl = getChild(minf, fourcc("stbl"));
+    t.stsd = getChild(stbl, fourcc("stsd"));
+    t.stts = child<Stts>(stbl, fourcc("stts"));
+    t.stsc = child<Stsc>(stbl, fourcc("stsc"));
+    t.stsz = child<Stsz>(stbl, fourcc("stsz"));
+    t.stco = child<Stco>(stbl, fourcc("stco"));
+    t.co64 = child<Co64>(stbl, fourcc("co64"));
+    t.stss = child<Stss>(stbl, fourcc("stss"));
+    if (!t.tkhd || !mdia || !t.mdhd || !t.hdlr || !minf || !stbl || !t.stsd || !t.stts || !t.stsc ||
+        !t.stsz || (!t.stco && !t.co64))
+        return false;
+    // Without a first stts entry there is no default duration and no sample has a duration.
+    if (t.stts->entry_count == 0 || !t.stts->entries)
+        return false;
+    if (t.stsc->entry_count && !t.stsc->entries)
+        return false;
+    if (t.stsz->sample_size == 0 && t.stsz->sample_count && !t.stsz->entries)
+        return false;
+    if (t.stco ? (t.stco->entry_count && !t.stco->entries)
+               : (t.co64->entry_count && !t.co64->entries))
+        return false;
+    return true;
+}
+
+// Fills `map` with the position, size and duration of every sample the tables describe; every
+// index stays below the entry count of its table. Returns the number of samples mapped.
+uint32_t map_samples(const Tables &t, mp4_sample *map) {
+    uint32_t chunks = t.stco ? t.stco->entry_count : t.co64->entry_count;
+    uint32_t samples = t.stsz->sample_count;
+    uint32_t stsc_i = 0, sample_i = 0, stts_i = 0, stts_used = 0;
+    for (uint32_t c = 0; c < chunks && t.stsc->entry_count && sample_i < samples; c++) {
+        if (stsc_i + 1 < t.stsc->entry_count && t.stsc->entries[stsc_i + 1].first_chunk == c + 1)
+            stsc_i++;
+        uint64_t offset = t.stco ? t.stco->entries[c] : t.co64->entries[c];
+        uint32_t per_chunk = t.stsc->entries[stsc_i].samples_per_chunk;
+        for (uint32_t k = 0; k < per_chunk && sample_i < samples; k++) {
+            while (stts_i < t.stts->entry_count && t.stts->entries[stts_i].sample_count == 0)
+                stts_i++;
+            if (stts_i >= t.stts->entry_count)
+                return sample_i;
+            // A constant-size table has no per-sample entries: every sample has that size.
+            uint32_t size = t.stsz->sample_size ? t.stsz->sample_size : t.stsz->entries[sample_i];
+            map[sample_i] = {offset, size, t.stts->entries[stts_i].sample_delta};
+            offset += size;
+            if (++stts_used >= t.stts->entries[stts_i].sample_count) {
+                stts_i++;
+                stts_used = 0;
+            }
+            sample_i++;
+        }
+    }
+    return sample_i;
+}
+
+void map_track(mp4_muxer *r, uint32_t movie_next, Box *mvex, Box *trak) {
+    Tables t;
+    if (!find_tables(trak, t))
+        return;
+    uint32_t id = t.tkhd->track_ID;
+    if (id == 0 || id >= movie_next || id >= r->next_track_id)
+        return;
+    mp4_track &rec = r->tracks[id - 1];
+    if (rec.samples)
+        return; // a second trak with the same track_ID: the first one keeps the record
+
+    auto *map = static_cast<mp4_sample *>(mp4_calloc(t.stsz->sample_count, sizeof(mp4_sample)));
+    if (!map) {
+        r->error = MP4_ERR_NOMEM;
+        return;
+    }
+    uint32_t first_delta = t.stts->entries[0].sample_delta;
+    rec.handler_type = t.hdlr->handler_type;
+    rec.handler_name = t.hdlr->name;
+    if (t.stsd->first_child)
+        rec.fourcc = t.stsd->first_child->type;
+    if (rec.handler_type == fourcc("vide"))
+        r->frag_samples = t.stsc->entry_count ? t.stsc->entries[0].samples_per_chunk : 0;
+
+    auto *trex = static_cast<Trex *>(newBox(fourcc("trex"), 32));
+    trex->track_ID = id;
+    trex->default_sample_description_index = 1;
+    trex->default_sample_duration = first_delta;
+    addBox(trex, mvex);
+
+    rec.samples = map;
+    rec.sample_alloc = map_samples(t, map); // samples the chunks do not reach are not copied
+    rec.sample_count = 0;
+    rec.default_duration = first_delta;
+    rec.timescale = t.mdhd->timescale;
+
+    // The samples now travel in fragments. The tables are emptied (their arrays stay, unused);
+    // stss goes too, or the sync samples would be listed twice once the fragments are turned
+    // back into a plain movie; and the media duration restarts at 0 for the same reason.
+    t.stts->entry_count = 0;
+    t.stsc->entry_count = 0;
+    t.stsz->sample_count = 0;
+    shrink_box(t.stts, 16);
+    shrink_box(t.stsc, 16);
+    shrink_box(t.stsz, 20);
+    if (t.stco) {
+        t.stco->entry_count = 0;
+        shrink_box(t.stco, 16);
+    } else {
+        t.co64->entry_count = 0;
+        shrink_box(t.co64, 16);
+    }
+    if (t.stss) {
+        t.stss->entry_count = 0;
+        shrink_box(t.stss, 16);
+    }
+    t.mdhd->duration = 0;
+}
+
+// The track records a moov needs: one per track number below next_track_ID, but no more than
+// its traks use, so that a large next_track_ID does not cost a record per unused number.
+uint32_t records_needed(Box *moov, uint32_t movie_next) {
+    uint32_t top = 0;
+    for (Box *c = getChild(moov, fourcc("trak")); c; c = c->next) {
+        uint32_t id = c->type == fourcc("trak") ? trak_id(c) : 0;
+        if (id < movie_next && id > top)
+            top = id;
+    }
+    return top + 1;
+}
+
+bool alloc_reader_tracks(mp4_muxer *r, Mvhd *mvhd) {
+    if (r->tracks)
+        return true;
+    uint32_t next = records_needed(r->moov, mvhd->next_track_ID);
+    r->tracks = static_cast<mp4_track *>(mp4_calloc(next - 1, sizeof(mp4_track)));
+    if (!r->tracks)
+        return false;
+    r->next_track_id = next;
+    return true;
+}
+
+} // namespace
+
+void refrag_moov(mp4_muxer *r) {
+    if (!r || !r->moov)
+        return;
+    Box *moov = r->moov;
+    auto *mvhd = child<Mvhd>(moov, fourcc("mvhd"));
+    if (!mvhd || !alloc_reader_tracks(r, mvhd))
+        return;
+
+    // An mvex already present describes fragments that are not copied.
+    for (Box *c = moov->first_child; c;) {
+        Box *next = c->next;
+        if (c->type == fourcc("mvex"))
+            deleteBox(c);
+        c = next;
+    }
+    Box *mvex = newBox(fourcc("mvex"), 8);
+    Box *first_trak = getChild(moov, fourcc("trak"));
+    Box *before = nullptr;
+    for (Box *c = moov->first_child; c && c != first_trak; c = c->next)
+        before = c;
+    if (first_trak && before)
+        insertBoxAfter(mvex, before); // right in front of the first trak
+    else
+        addBox(mvex, moov); // no trak, or trak first: the end of the moov still announces it
+
+    for (Box *c = first_trak; c; c = c->next)
+        if (c->type == fourcc("trak"))
+            map_track(r, mvhd->next_track_ID, mvex, c);
+}
+
+void refrag_sample(mp4_muxer *r, mp4_muxer *m, uint32_t track) {
+    if (!r || !m || !r->tracks || track == 0 || track >= r->next_track_id)
+        return;
+    mp4_track &t = r->tracks[track - 1];
+    if (!t.samples || t.sample_count >= t.sample_alloc)
+        return;
+    mp4_sample s = t.samples[t.sample_count++];
+    // Zero-filled, so that a short read of the input writes zeros rather than old heap bytes.
+    auto *bytes = static_cast<uint8_t *>(mp4_calloc(s.size, 1));
+    if (!bytes) {
+        m->error = MP4_ERR_NOMEM;
+        return;
+    }
+    muxer_seek(r, s.offset);
+    read_n(r, bytes, s.size);
+    write_stored_sample(m, track, bytes, s.size, s.duration);
+    t.timestamp += s.duration;
+    mp4_free(bytes);
+}
+
+void refrag(mp4_muxer *m) {
+    mp4_muxer *r = m ? m->linked : nullptr;
+    if (!r || !is_reader(r) || is_reader(m))
+        return;
+
+    // Input start: the ftyp goes out as it is; reading stops at the moov.
+    while (!r->moov || muxer_pos(m) == 0) {
+        r->parent = nullptr;
+        Box *box = rwBox(r, nullptr);
+        if (!box)
+            return;
+        if (m->error) {
+            deleteBox(box);
+            return;
+        }
+        if (box->type == fourcc("moov")) {
+            if (r->moov)
+                deleteBox(box); // loaded already (mp4_is_fragmented); that one is used
+            else
+                r->moov = box;
+            break;
+        }
+        if (box->type == fourcc("ftyp") && muxer_pos(m) == 0)
+            rwBox(m, box);
+        deleteBox(box);
+    }
+
+    if (!m->tracks) {
+        auto *mvhd = child<Mvhd>(r->moov, fourcc("mvhd"));
+        if (!mvhd) {
+            printf("%s: moov without mvhd\n", "refrag");
+            m->error = MP4_ERR_BAD_INPUT;
+            return;
+        }
+        if (!plausible_movie(r, r->moov)) {
+            printf("%s: moov larger than its input\n", "refrag");
+            m->error = MP4_ERR_BAD_INPUT;
+            return;
+        }
+        // Both arrays first, so that a failure leaves nothing half done for the next call.
+        if (!alloc_reader_tracks(r, mvhd)) {
+            m->error = MP4_ERR_NOMEM;
+            return;
+        }
+        auto *tracks =
+            static_cast<mp4_track *>(mp4_calloc(r->next_track_id - 1, sizeof(mp4_track)));
+        if (!tracks) {
+            m->error = MP4_ERR_NOMEM;
+            return;
+        }
+        refrag_moov(r);
+        init_timestamps(r);
+        rwBox(m, r->moov);
+        m->tracks = tracks;
+        m->next_track_id = r->next_track_id;
+        for (uint32_t i = 0; i + 1 < r->next_track_id; i++) {
+            m->tracks[i].default_duration = r->tracks[i].default_duration;
+            m->tracks[i].default_flags = r->tracks[i].default_flags;
+            m->tracks[i].default_size = r->tracks[i].default_size;
+        }
+    }
+
+    uint32_t audio = 0, video = 0;
+    uint64_t audio_scale = 1, video_scale = 1;
+    for (uint32_t id = 1; id < r->next_track_id && r->tracks; id++) {
+        const mp4_track &t = r->tracks[id - 1];
+        if (t.handler_type == fourcc("soun")) {
+            audio = id;
+            audio_scale = t.timescale;
+        } else if (t.handler_type == fourcc("vide")) {
+            video = id;
+            video_scale = t.timescale;
+        } else if (t.handler_type) {
+            printf("unknown handler type: %c%c%c%c\n", char(t.handler_type >> 24),
+                   char(t.handler_type >> 16), char(t.handler_type >> 8), char(t.handler_type));
+        }
+    }
+    if (audio_scale == video_scale)
+        audio_scale = video_scale = 1;
+
+    mp4_track *a = audio ? &r->tracks[audio - 1] : nullptr;
+    mp4_track *v = video ? &r->tracks[video - 1] : nullptr;
+    bool video_left = v && v->sample_count < v->sample_alloc;
+    while (a && a->sample_count < a->sample_alloc) {
+        // Audio goes first up to the next video sample's time; products in 128 bits so that
+        // no timestamp and timescale can overflow the comparison.
+        if (video_left && (unsigned __int128)a->timestamp * video_scale >
+                              (unsigned __int128)v->timestamp * audio_scale)
+            break;
+        refrag_sample(r, m, audio);
+    }
+    if (!video_left)
+        return;
+    refrag_sample(r, m, video);
+    // frag_samples 0 (a first chunk of no samples) means no fragment header is ever due.
+    if (r->frag_samples && v->sample_count % r->frag_samples == 0)
+        mp4_write_frag_header(m);
+}
+
+// ---- handles and dispatch --------------------------------------------------------------------
+
+extern "C" mp4_muxer *mp4_remuxer_create(void) {
+    mp4_muxer *m = mp4_reader_create();
+    if (!m)
+        return nullptr;
+    mp4_muxer *w = mp4_writer_create();
+    if (!w) {
+        mp4_delete(m);
+        return nullptr;
+    }
+    m->linked = w;
+    m->flags |= MP4_REMUXER;
+    m->remux_callback = defrag_callback;
+    return m;
+}
+
+extern "C" mp4_muxer *mp4_refrag_create(void) {
+    mp4_muxer *m = mp4_writer_create();
+    if (!m)
+        return nullptr;
+    mp4_muxer *r = mp4_reader_create();
+    if (!r) {
+        mp4_delete(m);
+        return nullptr;
+    }
+    m->linked = r;
+    return m;
+}
+
+extern "C" void mp4_remux(mp4_muxer *m) {
+    if (!m || !m->linked || is_reader(m) == is_reader(m->linked)) {
+        fprintf(stderr, "%s: not a remuxable handle\n", "mp4_remux");
+        return;
+    }
+    if (is_reader(m))
+        defrag(m);
+    else
+        refrag(m);
+}
+
+void finish_remux_output(mp4_muxer *m) {
+    if (!m || !m->linked)
+        return;
+    mp4_muxer *w = m->linked;
+    if (is_reader(m) && !is_reader(w)) {
+        // Defragmenting: close the writer's mdat, drop the fragment announcement and write the
+        // completed movie after the media data.
+        if (w->mdat) {
+            updateBoxSize(w, w->mdat);
+            deleteBox(w->mdat);
+            w->mdat = nullptr;
+        }
+        if (w->moov) {
+            for (Box *c = w->moov->first_child; c;) {
+                Box *next = c->next;
+                if (c->type == fourcc("mvex"))
+                    deleteBox(c);
+                c = next;
+            }
+            if (updateMovieDurations(w->moov))
+                w->error = MP4_ERR_NOMEM;
+            rwBox(w, w->moov);
+        }
+        return;
+    }
+    if (!is_reader(m) && is_reader(w)) {
+        // Refragmenting: the only thing left to finish is a fragment still open.
+        uint32_t tracks = m->tracks && m->next_track_id ? m->next_track_id - 1 : 0;
+        for (uint32_t i = 0; i < tracks; i++) {
+            if (m->tracks[i].sample_count) {
+                mp4_write_frag_header(m);
+                return;
+            }
+        }
+    }
+}
