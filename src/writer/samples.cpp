@@ -531,6 +531,17 @@ int isIframe(const uint8_t *data, uint32_t size) {
         if (at(3) == 0x20)
             p += 25;
         int code = at(3), type = at(4);
+        if (code != 0xB6) {
+            // Headers of other lengths (a group of planes, a longer object layer): the plane
+            // is the first one within the sample's opening bytes.
+            for (uint32_t i = 0; i + 4 < size && i < 1024; i++) {
+                if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1 && data[i + 3] == 0xB6) {
+                    code = 0xB6;
+                    type = data[i + 4];
+                    break;
+                }
+            }
+        }
         return code == 0xB6 && type >= 0 && (type & 0xC0) == 0 ? 1 : 0;
     }
     if (size < 5)

@@ -1,0 +1,299 @@
+// mp4kit record: elementary streams (H.264 Annex B or MPEG-4 Visual video, ADTS AAC or s16le
+// PCM audio) recorded into an MP4 or QuickTime file through the public API, audio and video
+// delivered in time order the way a live encoder hands them over.
+#include "commands.h"
+#include "es_parse.h"
+
+#include <mp4kit/mp4.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+const char *const usage_line =
+    "record -o OUT(.mp4|.mov) [--h264 FILE | --mp4v FILE] [--aac FILE | --pcm FILE --rate HZ "
+    "--channels N] [--fps N] [--size WxH]  (record elementary streams into a movie file)";
+
+struct Options {
+    std::string out, h264, mp4v, aac, pcm;
+    uint32_t rate = 0, channels = 0, fps = 25, width = 0, height = 0;
+};
+
+int fail(const std::string &message) {
+    fprintf(stderr, "mp4kit record: %s\n", message.c_str());
+    return 1;
+}
+
+bool parseNumber(const char *text, uint32_t min, uint32_t max, uint32_t *out) {
+    if (!text || !*text)
+        return false;
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long v = strtoull(text, &end, 10);
+    if (errno || *end || text[0] == '-' || v < min || v > max)
+        return false;
+    *out = uint32_t(v);
+    return true;
+}
+
+bool parseSize(const char *text, uint32_t *w, uint32_t *h) {
+    const char *x = text ? strchr(text, 'x') : nullptr;
+    if (!x)
+        return false;
+    std::string a(text, size_t(x - text));
+    return parseNumber(a.c_str(), 1, 65535, w) && parseNumber(x + 1, 1, 65535, h);
+}
+
+// Returns 0 when the options are complete, else the exit status after a message.
+int parseOptions(int argc, char **argv, Options *o) {
+    for (int i = 1; i < argc; i++) {
+        std::string arg = argv[i];
+        const char *value = i + 1 < argc ? argv[i + 1] : nullptr;
+        auto need = [&](const char *what) {
+            if (!value) {
+                fail(arg + " needs " + what);
+                return false;
+            }
+            i++;
+            return true;
+        };
+        if (arg == "-o" || arg == "--output") {
+            if (!need("a file name"))
+                return 2;
+            o->out = value;
+        } else if (arg == "--h264" || arg == "--mp4v" || arg == "--aac" || arg == "--pcm") {
+            if (!need("a file name"))
+                return 2;
+            (arg == "--h264" ? o->h264 : arg == "--mp4v" ? o->mp4v : arg == "--aac" ? o->aac
+                                                                                    : o->pcm) =
+                value;
+        } else if (arg == "--rate") {
+            if (!need("a sampling rate") || !parseNumber(value, 1, 1000000, &o->rate))
+                return value ? fail(std::string("bad --rate: ") + value), 2 : 2;
+        } else if (arg == "--channels") {
+            if (!need("a channel count") || !parseNumber(value, 1, 32, &o->channels))
+                return value ? fail(std::string("bad --channels: ") + value), 2 : 2;
+        } else if (arg == "--fps") {
+            if (!need("a frame rate") || !parseNumber(value, 1, 1000, &o->fps))
+                return value ? fail(std::string("bad --fps: ") + value), 2 : 2;
+        } else if (arg == "--size") {
+            if (!need("WxH") || !parseSize(value, &o->width, &o->height))
+                return value ? fail(std::string("bad --size (WxH expected): ") + value), 2 : 2;
+        } else {
+            fail("unknown option " + arg);
+            fprintf(stderr, "usage: mp4kit %s\n", usage_line);
+            return 2;
+        }
+    }
+    if (o->out.empty())
+        return fail("no output file (-o OUT)"), 2;
+    if (!o->h264.empty() && !o->mp4v.empty())
+        return fail("give --h264 or --mp4v, not both"), 2;
+    if (!o->aac.empty() && !o->pcm.empty())
+        return fail("give --aac or --pcm, not both"), 2;
+    if (o->h264.empty() && o->mp4v.empty() && o->aac.empty() && o->pcm.empty())
+        return fail("nothing to record: give a video and/or an audio stream"), 2;
+    if (!o->pcm.empty() && (!o->rate || !o->channels))
+        return fail("--pcm needs --rate HZ and --channels N"), 2;
+    return 0;
+}
+
+bool endsWithMov(const std::string &name) {
+    return name.size() >= 4 && strcasecmp(name.c_str() + name.size() - 4, ".mov") == 0;
+}
+
+struct Stream {
+    es::InputFile file;
+    std::vector<es::Unit> units;
+    uint32_t track = 0;
+    uint32_t timescale = 0;
+    uint64_t time = 0; // start of the next unit, in timescale ticks
+    size_t next = 0;
+    uint64_t bytes = 0;
+};
+
+class Progress {
+  public:
+    Progress(uint64_t total) : total_(total), on_(isatty(STDERR_FILENO) && total >= (16u << 20)) {}
+    void update(uint64_t done) {
+        if (!on_)
+            return;
+        int percent = int(done * 100 / total_);
+        if (percent != shown_) {
+            shown_ = percent;
+            fprintf(stderr, "\rrecording: %3d%%", percent);
+        }
+    }
+    void done() {
+        if (on_)
+            fprintf(stderr, "\r%*s\r", 20, "");
+    }
+
+  private:
+    uint64_t total_;
+    bool on_;
+    int shown_ = -1;
+};
+
+int run(int argc, char **argv) {
+    Options o;
+    if (int status = parseOptions(argc, argv, &o))
+        return status;
+
+    std::string error;
+    Stream video, audio;
+    uint32_t video_type = 0, audio_type = 0, width = 0, height = 0, profile = 0, level = 0;
+    const uint32_t frame_ticks = 90000 / o.fps;
+    if (!o.h264.empty()) {
+        if (!video.file.open(o.h264, &error))
+            return fail(error);
+        es::H264Info info;
+        if (!es::splitH264(video.file.data(), video.file.size(), &video.units, &info, &error))
+            return fail(o.h264 + ": " + error);
+        if (!info.have_sps || !info.have_pps)
+            return fail(o.h264 + ": no sequence/picture parameter set in the stream");
+        if (info.multi_slice)
+            fprintf(stderr, "mp4kit record: warning: %s has pictures of several slices; each "
+                            "picture is stored as one unit and may not play\n",
+                    o.h264.c_str());
+        video_type = MP4_FOURCC('a', 'v', 'c', '1');
+        width = info.width;
+        height = info.height;
+        profile = info.profile;
+        level = info.level;
+    } else if (!o.mp4v.empty()) {
+        if (!video.file.open(o.mp4v, &error))
+            return fail(error);
+        es::M4vInfo info;
+        if (!es::splitM4v(video.file.data(), video.file.size(), &video.units, &info, &error))
+            return fail(o.mp4v + ": " + error);
+        video_type = MP4_FOURCC('m', 'p', '4', 'v');
+        width = info.width;
+        height = info.height;
+    }
+    if (video_type) {
+        if (o.width) {
+            width = o.width;
+            height = o.height;
+        }
+        if (!width || !height)
+            return fail("cannot tell the picture size of the video stream; give --size WxH");
+        video.timescale = 90000;
+    }
+
+    uint32_t rate = 0, channels = 0;
+    if (!o.aac.empty()) {
+        if (!audio.file.open(o.aac, &error))
+            return fail(error);
+        es::AdtsInfo info;
+        bool dropped = false;
+        if (!es::splitAdts(audio.file.data(), audio.file.size(), &audio.units, &info, &dropped,
+                           &error))
+            return fail(o.aac + ": " + error);
+        if (dropped)
+            fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
+                    o.aac.c_str());
+        if (info.object_type != 2)
+            fprintf(stderr, "mp4kit record: warning: %s is AAC object type %u; the file "
+                            "declares AAC LC\n",
+                    o.aac.c_str(), info.object_type);
+        audio_type = MP4_FOURCC('m', 'p', '4', 'a');
+        rate = info.sample_rate;
+        channels = info.channels;
+    } else if (!o.pcm.empty()) {
+        if (!audio.file.open(o.pcm, &error))
+            return fail(error);
+        rate = o.rate;
+        channels = o.channels;
+        const uint32_t frame_bytes = 2 * channels;
+        es::splitPcm(audio.file.size(), frame_bytes, 1024, &audio.units);
+        if (audio.units.empty())
+            return fail(o.pcm + ": shorter than one PCM frame");
+        if (audio.file.size() % frame_bytes)
+            fprintf(stderr, "mp4kit record: warning: %s ends in a partial frame, left out\n",
+                    o.pcm.c_str());
+        audio_type = MP4_FOURCC('s', 'o', 'w', 't');
+    }
+    if (audio_type)
+        audio.timescale = rate;
+
+    const bool mov = endsWithMov(o.out);
+    mp4_muxer *m = mov ? mov_writer_create() : mp4_writer_create();
+    if (!m)
+        return fail("out of memory");
+    mp4_file_name_ascii(m, o.out.c_str());
+    if (mp4_get_error_code(m)) {
+        mp4_delete(m);
+        return fail("cannot open " + o.out + " for writing: " + strerror(errno));
+    }
+    if (video_type)
+        video.track = mp4_video_track_create(m, video_type, 90000, frame_ticks, 0, width, height,
+                                             profile, level);
+    if (audio_type)
+        audio.track = mp4_audio_track_create(m, audio_type, rate, 1024, 0, rate, channels);
+    if ((video_type && !video.track) || (audio_type && !audio.track)) {
+        mp4_delete(m);
+        return fail("cannot create the tracks");
+    }
+
+    // Deliver in time order; video first on equal times.
+    uint64_t total = video.file.size() + audio.file.size(), done = 0;
+    Progress progress(total);
+    uint32_t failed = 0;
+    while (!failed && (video.next < video.units.size() || audio.next < audio.units.size())) {
+        bool take_video = video.next < video.units.size();
+        if (take_video && audio.next < audio.units.size())
+            take_video = video.time * audio.timescale <= audio.time * video.timescale;
+        Stream &s = take_video ? video : audio;
+        const es::Unit &u = s.units[s.next++];
+        uint32_t duration = take_video ? frame_ticks
+                                       : audio_type == MP4_FOURCC('s', 'o', 'w', 't')
+                                             ? uint32_t(u.size / (2 * channels))
+                                             : 1024;
+        mp4_write_track(m, s.track, s.file.data() + u.offset, uint32_t(u.size), duration);
+        s.time += duration;
+        s.bytes += u.size;
+        done += u.size;
+        progress.update(done);
+        failed = mp4_get_error_code(m);
+    }
+    mp4_write_movie(m);
+    progress.done();
+    if (!failed)
+        failed = mp4_get_error_code(m);
+    const char *failure = failed ? mp4_get_error(m) : nullptr;
+    mp4_delete(m); // closes the file
+    if (failed)
+        return fail(o.out + ": " + (failure ? failure : "error") + " (code " +
+                    std::to_string(failed) + ")");
+
+    struct stat st;
+    uint64_t bytes = stat(o.out.c_str(), &st) == 0 ? uint64_t(st.st_size) : 0;
+    printf("wrote %s (%s, %" PRIu64 " bytes)\n", o.out.c_str(), mov ? "QuickTime" : "MP4", bytes);
+    uint32_t n = 1;
+    if (video_type)
+        printf("  track %u: video %s %ux%u, %zu samples, %.3f s\n", n++,
+               video_type == MP4_FOURCC('a', 'v', 'c', '1') ? "avc1" : "mp4v", width, height,
+               video.units.size(), double(video.time) / 90000);
+    if (audio_type == MP4_FOURCC('m', 'p', '4', 'a'))
+        printf("  track %u: audio mp4a %u Hz, %u channels, %zu samples, %.3f s\n", n, rate,
+               channels, audio.units.size(), double(audio.time) / rate);
+    else if (audio_type)
+        printf("  track %u: audio sowt %u Hz, %u channels, %zu blocks (%" PRIu64
+               " frames), %.3f s\n",
+               n, rate, channels, audio.units.size(), audio.time, double(audio.time) / rate);
+    return 0;
+}
+
+CommandRegistrar reg({"record", usage_line, run});
+
+} // namespace
