@@ -482,6 +482,35 @@ TEST(CodecChildren, IndentRestoredAfterEveryExit) {
     EXPECT_EQ(indent, 0);
 }
 
+TEST(CodecChildren, SampleEntryWithoutLayoutIsPassedOverOnce) {
+    // Entries of an stsd read while no media handler is known: header-only nodes, one message
+    // each, and their contents (which would hold child boxes) are not parsed.
+    Bytes entry = box("avc1", box("avcC", Bytes(12, 1)));
+    Bytes p;
+    put32(p, 2);
+    append(p, entry);
+    append(p, entry);
+    Bytes in = fullBox("stsd", 0, 0, p);
+    MemReader r(in);
+    testing::internal::CaptureStderr();
+    Box *b = r.read();
+    std::string err = testing::internal::GetCapturedStderr();
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(err, "rwBox: handler type not set\nrwBox: handler type not set\n");
+    int entries = 0;
+    for (Box *c = b->first_child; c; c = c->next) {
+        entries++;
+        EXPECT_EQ(c->type, fourcc("avc1"));
+        EXPECT_EQ(c->alloc_size, sizeof(Box)) << "header only";
+        EXPECT_EQ(c->first_child, nullptr);
+        EXPECT_EQ(c->size, entry.size());
+    }
+    EXPECT_EQ(entries, 2);
+    EXPECT_EQ(r.m->error, 0);
+    EXPECT_EQ(muxer_pos(r.m), in.size());
+    deleteBox(b);
+}
+
 // ---- size reconciliation ---------------------------------------------------------------------
 
 TEST(CodecResize, StaleAutoSizeIsPatchedAndReported) {

@@ -154,7 +154,10 @@ struct TreeCompare {
 
 inline void TreeCompare::record(const std::string &p, const Box *a, const Box *b,
                                 uint32_t handler) {
-    bool fa = a->alloc_size > sizeof(Box), fb = b->alloc_size > sizeof(Box);
+    // Only a node that holds its type's whole record is compared field by field; nodes kept
+    // as bare headers (undecoded types) compare by type and size alone.
+    const size_t need = recordSize(a->type);
+    bool fa = a->alloc_size >= need, fb = b->alloc_size >= need;
     if (fa != fb) {
         diff(p, "decoded on one side only");
         return;
