@@ -509,9 +509,26 @@ bool find_tables(Box *trak, Tables &t) {
     return true;
 }
 
-// Fills `map` with the position, size and duration of every sample the tables describe; every
-// index stays below the entry count of its table. Returns the number of samples mapped.
-uint32_t map_samples(const Tables &t, mp4_sample *map) {
+// Bytes of one sample of a constant-size table. QuickTime PCM counts every frame as a sample of
+// size 1 while a frame takes channels x sample bytes (the sound description says how many); the
+// map needs the bytes, or it would copy a fraction of the audio.
+uint32_t constant_size(const Tables &t, uint32_t handler_type) {
+    uint32_t size = t.stsz->sample_size;
+    Box *entry = t.stsd->first_child;
+    if (size != 1 || handler_type != fourcc("soun") || !entry ||
+        entry->alloc_size < sizeof(SampleEntry))
+        return size;
+    auto *sound = static_cast<SampleEntry *>(entry);
+    if (sound->version == 1 && sound->bytesPerFrame > 1)
+        return sound->bytesPerFrame;
+    uint32_t frame = uint32_t(sound->channelcount) * (sound->samplesize / 8u);
+    return sound->version != 1 && frame > 1 ? frame : size;
+}
+
+// Fills `map` with the position, size and duration of every sample the tables describe (each of
+// `constant` bytes when that is non-zero); every index stays below the entry count of its
+// table. Returns the number of samples mapped.
+uint32_t map_samples(const Tables &t, uint32_t constant, mp4_sample *map) {
     uint32_t chunks = t.stco ? t.stco->entry_count : t.co64->entry_count;
     uint32_t samples = t.stsz->sample_count;
     uint32_t stsc_i = 0, sample_i = 0, stts_i = 0, stts_used = 0;
@@ -526,7 +543,7 @@ uint32_t map_samples(const Tables &t, mp4_sample *map) {
             if (stts_i >= t.stts->entry_count)
                 return sample_i;
             // A constant-size table has no per-sample entries: every sample has that size.
-            uint32_t size = t.stsz->sample_size ? t.stsz->sample_size : t.stsz->entries[sample_i];
+            uint32_t size = constant ? constant : t.stsz->entries[sample_i];
             map[sample_i] = {offset, size, t.stts->entries[stts_i].sample_delta};
             offset += size;
             if (++stts_used >= t.stts->entries[stts_i].sample_count) {
@@ -570,7 +587,8 @@ void map_track(mp4_muxer *r, uint32_t movie_next, Box *mvex, Box *trak) {
     addBox(trex, mvex);
 
     rec.samples = map;
-    rec.sample_alloc = map_samples(t, map); // samples the chunks do not reach are not copied
+    // Samples the chunks do not reach are not copied.
+    rec.sample_alloc = map_samples(t, constant_size(t, rec.handler_type), map);
     rec.sample_count = 0;
     rec.default_duration = first_delta;
     rec.timescale = t.mdhd->timescale;
