@@ -61,13 +61,21 @@ Tables findTables(Box *trak) {
 }
 
 // Entry counts that can actually be indexed: a table without its array has none.
-uint32_t sttsCount(const Stts *b) { return b && b->entries ? b->entry_count : 0; }
-uint32_t stscCount(const Stsc *b) { return b && b->entries ? b->entry_count : 0; }
-uint32_t stssCount(const Stss *b) { return b && b->entries ? b->entry_count : 0; }
+uint32_t sttsCount(const Stts *b) {
+    return b && b->entries ? b->entry_count : 0;
+}
+uint32_t stscCount(const Stsc *b) {
+    return b && b->entries ? b->entry_count : 0;
+}
+uint32_t stssCount(const Stss *b) {
+    return b && b->entries ? b->entry_count : 0;
+}
 
 // Samples an stts entry stands for. An entry of 0 samples still moves the cursor by one, so
 // that no walk can stay on it.
-uint32_t sttsSamples(const SttsEntry &e) { return e.sample_count ? e.sample_count : 1; }
+uint32_t sttsSamples(const SttsEntry &e) {
+    return e.sample_count ? e.sample_count : 1;
+}
 
 // Samples that stsz can size: all of them with a constant size, else those in the array.
 uint32_t stszCount(const Stsz *b) {
@@ -118,8 +126,7 @@ bool chunkOffset(const Tables &t, uint64_t chunk, uint64_t *offset) {
 bool insideMdat(const mp4_muxer *m, uint64_t offset, uint32_t size) {
     if (!m->mdat)
         return true;
-    return (unsigned __int128)offset + size <
-           (unsigned __int128)m->mdat->data_pos + m->mdat->size;
+    return (unsigned __int128)offset + size < (unsigned __int128)m->mdat->data_pos + m->mdat->size;
 }
 
 uint32_t trackNumber(const mp4_muxer *m, const mp4_track *track) {
@@ -253,7 +260,9 @@ template <class F> uint32_t queryTrack(mp4_muxer *m, uint32_t track_ID, const ch
     return 0;
 }
 
-Box *findStsd(Box *trak) { return getChild(findStbl(trak), fourcc("stsd")); }
+Box *findStsd(Box *trak) {
+    return getChild(findStbl(trak), fourcc("stsd"));
+}
 
 } // namespace
 
@@ -563,9 +572,13 @@ int track_play_reverse(mp4_muxer *m, mp4_track *track, Box *trak) {
     return 0;
 }
 
-extern "C" int mp4_play(mp4_muxer *m) { return play(m, false, "mp4_play"); }
+extern "C" int mp4_play(mp4_muxer *m) {
+    return play(m, false, "mp4_play");
+}
 
-extern "C" int mp4_play_reverse(mp4_muxer *m) { return play(m, true, "mp4_play_reverse"); }
+extern "C" int mp4_play_reverse(mp4_muxer *m) {
+    return play(m, true, "mp4_play_reverse");
+}
 
 extern "C" void mp4_play_mixed_timescales(mp4_muxer *m, int on) {
     if (m)

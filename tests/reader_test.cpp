@@ -33,12 +33,12 @@ struct TrackSpec {
     uint32_t handler = fourcc("vide");
     uint32_t track_ID = 0; // 0: position in the movie
     uint32_t timescale = 1000;
-    std::vector<uint32_t> sizes;                           // per sample
-    std::vector<std::pair<uint32_t, uint32_t>> stts;       // (sample_count, sample_delta)
-    std::vector<uint32_t> chunk_samples;                   // samples per chunk
-    std::vector<uint64_t> chunk_offsets;                   // one per chunk
+    std::vector<uint32_t> sizes;                     // per sample
+    std::vector<std::pair<uint32_t, uint32_t>> stts; // (sample_count, sample_delta)
+    std::vector<uint32_t> chunk_samples;             // samples per chunk
+    std::vector<uint64_t> chunk_offsets;             // one per chunk
     bool has_stss = false;
-    std::vector<uint32_t> sync;                            // 1-based sample numbers
+    std::vector<uint32_t> sync; // 1-based sample numbers
     bool co64 = false;
     uint32_t constant_size = 0; // non-zero: stsz without a per-sample table
     uint32_t stsz_count = 0;    // with constant_size: the claimed sample count
@@ -253,7 +253,8 @@ std::vector<Delivery> onlyTrack(const std::vector<Delivery> &all, uint32_t track
 
 int collect(void *opaque, uint32_t track, uint64_t offset, uint64_t timestamp, uint32_t size,
             uint32_t flags) {
-    static_cast<std::vector<Delivery> *>(opaque)->push_back({track, offset, timestamp, size, flags});
+    static_cast<std::vector<Delivery> *>(opaque)->push_back(
+        {track, offset, timestamp, size, flags});
     return 0;
 }
 
@@ -486,8 +487,7 @@ TEST(ReaderPlay, SamplesOutsideTheMdatAreSkipped) {
     out = captureStdout([&] { r.reverseAll(); });
     char line[200];
     snprintf(line, sizeof line, "mp4 ignoring sample offset %lu,%u outside of mdat %lu\n",
-             (unsigned long)model[5].offset, model[5].size,
-             (unsigned long)(92 + mdat->size));
+             (unsigned long)model[5].offset, model[5].size, (unsigned long)(92 + mdat->size));
     EXPECT_EQ(out.substr(0, strlen(line)), line);
     EXPECT_EQ(r.got.size(), 4u);
 }
@@ -581,7 +581,9 @@ TEST(ReaderPlay, BrokenTablesEndTheTrack) {
 
     { // samples per chunk 0: every sample ends its chunk; the chunk index runs off the table
         Box *moov = buildMoov({base, audio});
-        static_cast<Stsc *>(getChild(stblOf(moov, 0), fourcc("stsc")))->entries[0].samples_per_chunk = 0;
+        static_cast<Stsc *>(getChild(stblOf(moov, 0), fourcc("stsc")))
+            ->entries[0]
+            .samples_per_chunk = 0;
         Reader r(moov);
         EXPECT_LE(r.playAll(), 3) << "only the three chunks that exist can be played";
         EXPECT_EQ(mp4_play(r.m), -1);
@@ -604,11 +606,16 @@ TEST(ReaderPlay, BrokenTablesEndTheTrack) {
     { // counts without arrays (as a damaged tree might hold)
         Box *moov = buildMoov({base, audio});
         Box *stbl = stblOf(moov, 0);
-        mp4_free(std::exchange(static_cast<Stts *>(getChild(stbl, fourcc("stts")))->entries, nullptr));
-        mp4_free(std::exchange(static_cast<Stsc *>(getChild(stbl, fourcc("stsc")))->entries, nullptr));
-        mp4_free(std::exchange(static_cast<Stco *>(getChild(stbl, fourcc("stco")))->entries, nullptr));
-        mp4_free(std::exchange(static_cast<Stss *>(getChild(stbl, fourcc("stss")))->entries, nullptr));
-        mp4_free(std::exchange(static_cast<Stsz *>(getChild(stbl, fourcc("stsz")))->entries, nullptr));
+        mp4_free(
+            std::exchange(static_cast<Stts *>(getChild(stbl, fourcc("stts")))->entries, nullptr));
+        mp4_free(
+            std::exchange(static_cast<Stsc *>(getChild(stbl, fourcc("stsc")))->entries, nullptr));
+        mp4_free(
+            std::exchange(static_cast<Stco *>(getChild(stbl, fourcc("stco")))->entries, nullptr));
+        mp4_free(
+            std::exchange(static_cast<Stss *>(getChild(stbl, fourcc("stss")))->entries, nullptr));
+        mp4_free(
+            std::exchange(static_cast<Stsz *>(getChild(stbl, fourcc("stsz")))->entries, nullptr));
         exerciseEverything(moov);
     }
     { // sync sample numbers out of order and out of range, stsc runs pointing backwards
@@ -687,8 +694,8 @@ TEST(ReaderSeek, WithoutStssStopsAtTheFirstSampleAtOrAfterTheTime) {
     TrackSpec video = regular(fourcc("vide"), 40, 100, {3, 5}, 512, 40);
     auto model = expectedSamples(video, 1);
     Reader r(buildMoov({video}));
-    for (auto c : std::vector<std::pair<uint64_t, size_t>>{{250, 3}, {300, 3}, {301, 4}, {0, 0},
-                                                          {3900, 39}}) {
+    for (auto c : std::vector<std::pair<uint64_t, size_t>>{
+             {250, 3}, {300, 3}, {301, 4}, {0, 0}, {3900, 39}}) {
         SCOPED_TRACE(c.first);
         r.take();
         ASSERT_EQ(mp4_seek(r.m, c.first), 0);
@@ -1177,6 +1184,229 @@ TEST(ReaderQueries, NeedAReaderWithAMovie) {
     EXPECT_EQ(mp4_get_timescale(r, 1), 0u);
     EXPECT_EQ(mp4_get_samplerate(r, 1), 0u);
     mp4_delete(r);
+}
+
+// ---- a fragment stream as the fragment writer lays it out ------------------------------------
+
+// Writes boxes with the codec in writing mode into one memory buffer.
+struct StreamWriter {
+    std::vector<uint8_t> buf = std::vector<uint8_t>(1 << 16);
+    mp4_muxer *w = mp4_writer_create();
+    StreamWriter() { mp4_buf_put(w, buf.data(), uint32_t(buf.size())); }
+    uint64_t pos() { return muxer_pos(w); }
+    void write(Box *box) {
+        ASSERT_NE(rwBox(w, box), nullptr);
+        deleteBox(box);
+    }
+    std::vector<uint8_t> finish() {
+        uint32_t n = mp4_buf_get(w);
+        EXPECT_EQ(mp4_get_error_code(w), 0u);
+        mp4_delete(w);
+        buf.resize(n);
+        return buf;
+    }
+};
+
+struct FragSample {
+    uint32_t track;
+    uint32_t duration;
+};
+
+struct BuiltStream {
+    std::vector<uint8_t> bytes;
+    std::vector<uint64_t> payloads;     // payload position of every sample's mdat
+    std::vector<uint32_t> sample_track; // its track
+};
+
+// ftyp, a movie header with two tracks (track 1 starts after an empty edit of `delay`), then
+// for each group: one mdat per sample, followed by the moof describing them: per track one traf
+// whose tfhd carries base_data_offset, and one trun per sample.
+BuiltStream buildFragmentStream(const std::vector<std::vector<FragSample>> &groups, uint64_t delay,
+                                uint32_t default1, uint32_t default2) {
+    StreamWriter sw;
+    BuiltStream out;
+    auto *ftyp = make<Ftyp>("ftyp");
+    ftyp->size = 16;
+    ftyp->major_brand = fourcc("isom");
+    sw.write(ftyp);
+
+    Box *moov = make<Box>("moov");
+    auto *mvhd = make<Mvhd>("mvhd");
+    mvhd->timescale = 1000;
+    mvhd->next_track_ID = 3;
+    add(moov, mvhd);
+    for (uint32_t id = 1; id <= 2; id++) {
+        Box *trak = add(moov, make<Box>("trak"));
+        auto *tkhd = make<Tkhd>("tkhd");
+        tkhd->track_ID = id;
+        add(trak, tkhd);
+        if (id == 1) {
+            Box *edts = add(trak, make<Box>("edts"));
+            auto *elst = make<Elst>("elst");
+            elst->entry_count = 2;
+            elst->entries = entries<ElstEntry>(2);
+            elst->entries[0] = {delay, -1, 1, 0};
+            elst->entries[1] = {0, 0, 1, 0};
+            add(edts, elst);
+        }
+    }
+    Box *mvex = add(moov, make<Box>("mvex"));
+    for (uint32_t id = 1; id <= 2; id++) {
+        auto *trex = make<Trex>("trex");
+        trex->track_ID = id;
+        trex->default_sample_description_index = 1;
+        trex->default_sample_duration = id == 1 ? default1 : default2;
+        add(mvex, trex);
+    }
+    sw.write(moov);
+
+    uint32_t sequence = 0;
+    static uint8_t payload[64];
+    for (auto &group : groups) {
+        std::vector<uint64_t> where;
+        std::vector<uint32_t> sizes;
+        for (size_t i = 0; i < group.size(); i++) {
+            auto *mdat = make<DataBox>("mdat");
+            uint32_t n = 5 + uint32_t(out.payloads.size() % 7);
+            sizes.push_back(n);
+            mdat->size = 8 + n;
+            mdat->data = payload;
+            mdat->node_flags &= uint8_t(~BOX_OWNS_ARRAYS); // the payload is not the box's
+            where.push_back(sw.pos() + 8);
+            out.payloads.push_back(sw.pos() + 8);
+            out.sample_track.push_back(group[i].track);
+            sw.write(mdat);
+        }
+        Box *moof = make<Box>("moof");
+        auto *mfhd = make<Mfhd>("mfhd");
+        mfhd->sequence_number = ++sequence;
+        add(moof, mfhd);
+        for (uint32_t id = 1; id <= 2; id++) {
+            Box *traf = nullptr;
+            uint64_t base = 0;
+            for (size_t i = 0; i < group.size(); i++) {
+                if (group[i].track != id)
+                    continue;
+                if (!traf) {
+                    traf = add(moof, make<Box>("traf"));
+                    auto *tfhd = make<Tfhd>("tfhd");
+                    tfhd->flags = 0x01;
+                    tfhd->track_ID = id;
+                    tfhd->base_data_offset = base = where[i];
+                    add(traf, tfhd);
+                }
+                auto *trun = make<Trun>("trun");
+                trun->sample_count = 1;
+                trun->samples = entries<TrunSample>(1);
+                trun->samples[0].sample_size = sizes[i];
+                trun->samples[0].sample_duration = group[i].duration;
+                trun->flags = 0x200;
+                trun->data_offset = int32_t(where[i] - base);
+                if (trun->data_offset)
+                    trun->flags |= 0x01;
+                if (group[i].duration != (id == 1 ? default1 : default2))
+                    trun->flags |= 0x100;
+                add(traf, trun);
+            }
+        }
+        sw.write(moof);
+    }
+    out.bytes = sw.finish();
+    return out;
+}
+
+struct Received {
+    uint64_t payload;
+    uint32_t track;
+    uint32_t timestamp;
+    uint64_t exact[2]; // the tracks' decode times when the mdat arrived
+};
+
+// Receives the stream in pieces and asks for each sample's decode time as a caller would.
+std::vector<Received> receiveStream(const BuiltStream &s, size_t piece, uint64_t end_times[2]) {
+    std::vector<Received> got;
+    mp4_muxer *m = mp4_reader_create();
+    size_t consumed = 0, received = 0;
+    while (consumed < s.bytes.size()) {
+        size_t before = consumed;
+        received = std::min(s.bytes.size(), received + piece);
+        mp4_buf_put(m, const_cast<uint8_t *>(s.bytes.data()) + consumed,
+                    uint32_t(received - consumed));
+        for (;;) {
+            uint8_t *data = nullptr;
+            uint32_t length = 0;
+            mp4_get_mdat(m, &data, &length);
+            if (!data)
+                break;
+            uint64_t at = uint64_t(data - s.bytes.data());
+            size_t index =
+                size_t(std::find(s.payloads.begin(), s.payloads.end(), at) - s.payloads.begin());
+            EXPECT_LT(index, s.payloads.size()) << "payload at " << at;
+            if (index >= s.payloads.size())
+                break;
+            uint32_t track = s.sample_track[index];
+            Received r{at, track, 0, {m->tracks[0].timestamp, m->tracks[1].timestamp}};
+            r.timestamp = mp4_get_timestamp(m, int(track));
+            got.push_back(r);
+        }
+        consumed += mp4_buf_get(m);
+        if (received == s.bytes.size() && consumed == before)
+            break;
+    }
+    EXPECT_EQ(consumed, s.bytes.size());
+    end_times[0] = m->tracks ? m->tracks[0].timestamp : 0;
+    end_times[1] = m->tracks ? m->tracks[1].timestamp : 0;
+    mp4_delete(m);
+    return got;
+}
+
+TEST(ReaderFragmentLayout, DecodeTimesPerSampleAndAtEachMoof) {
+    // Video: default 3000, a short last frame in group 1, a long frame inside group 2.
+    // Audio: default 1024, a short last packet in group 2.
+    std::vector<std::vector<FragSample>> groups = {
+        {{1, 3000}, {2, 1024}, {2, 1024}, {1, 3000}, {2, 1024}, {2, 1024}, {1, 1500}},
+        {{1, 3000}, {2, 1024}, {1, 4500}, {2, 1024}, {1, 3000}, {2, 512}},
+        {{1, 3000}, {2, 1024}},
+    };
+    BuiltStream s = buildFragmentStream(groups, 2000, 3000, 1024);
+    ASSERT_EQ(s.payloads.size(), 15u);
+
+    // Within a group the times count default durations from the group's start; each moof then
+    // sets the exact time, which the next group starts from.
+    std::vector<uint32_t> want = {2000,  0,    1024,  5000, 2048,  3072, 8000, // group 1
+                                  9500,  4096, 12500, 5120, 15500, 6144,       // group 2
+                                  20000, 6656};                                // group 3
+    std::vector<std::pair<uint64_t, uint64_t>> exact_at_group_start = {
+        {2000, 0}, {2000 + 7500, 4096}, {9500 + 10500, 4096 + 2560}};
+
+    uint64_t end_times[2];
+    auto got = receiveStream(s, s.bytes.size(), end_times);
+    ASSERT_EQ(got.size(), want.size());
+    size_t at = 0;
+    for (size_t g = 0; g < groups.size(); g++) {
+        EXPECT_EQ(got[at].exact[0], exact_at_group_start[g].first) << "group " << g;
+        EXPECT_EQ(got[at].exact[1], exact_at_group_start[g].second) << "group " << g;
+        at += groups[g].size();
+    }
+    for (size_t i = 0; i < got.size(); i++) {
+        EXPECT_EQ(got[i].payload, s.payloads[i]) << i;
+        EXPECT_EQ(got[i].timestamp, want[i]) << "sample " << i;
+    }
+    EXPECT_EQ(end_times[0], 20000u + 3000u) << "the last moof sets the exact end";
+    EXPECT_EQ(end_times[1], 6656u + 1024u);
+
+    // The same stream received in pieces of every size gives the same answers.
+    for (size_t piece = 1; piece < s.bytes.size(); piece++) {
+        uint64_t ends[2];
+        auto again = receiveStream(s, piece, ends);
+        ASSERT_EQ(again.size(), got.size()) << "piece " << piece;
+        for (size_t i = 0; i < got.size(); i++) {
+            ASSERT_EQ(again[i].payload, got[i].payload) << "piece " << piece;
+            ASSERT_EQ(again[i].timestamp, got[i].timestamp) << "piece " << piece;
+        }
+        ASSERT_EQ(ends[0], end_times[0]);
+        ASSERT_EQ(ends[1], end_times[1]);
+    }
 }
 
 } // namespace
