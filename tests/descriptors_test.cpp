@@ -359,6 +359,31 @@ TEST(Esds, LengthsBeyondTheBoxStayInsideIt) {
     deleteBox(f);
 }
 
+TEST(Esds, BytesClaimedBeyondTheBoxAreNotTaken) {
+    // A DSI claiming 50 bytes where the box holds 20; the next box's bytes are not its data.
+    Bytes dsi = {0x05, 50};
+    for (int i = 0; i < 20; i++)
+        dsi.push_back(uint8_t(0x80 + i));
+    Bytes dcd = {0x04, 13 + 50 + 2, 0x40, 0x15, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    append(dcd, dsi);
+    Bytes es = {0x03, uint8_t(3 + 2 + dcd[1]), 0x00, 0x01, 0x00};
+    append(es, dcd);
+    Bytes file = fullBox0("esds", es);
+    const size_t box_size = file.size();
+    append(file, box("free", Bytes(40, 0xEE)));
+    Reader r(file);
+    Box *b = r.read();
+    ASSERT_NE(b, nullptr);
+    const DecoderSpecificInfo &d = static_cast<Esds *>(b)->es.decConfigDescr.decSpecificInfo;
+    EXPECT_EQ(d.length, 50u);
+    for (int i = 0; i < 20; i++)
+        EXPECT_EQ(d.data[i], 0x80 + i);
+    for (int i = 20; i < 50; i++)
+        EXPECT_EQ(d.data[i], 0) << i;
+    EXPECT_EQ(muxer_pos(r.m), box_size);
+    deleteBox(b);
+}
+
 TEST(Esds, InputEndingInsideADescriptorDiscardsTheBox) {
     // A file reader (no memory-buffer check ahead of the fields): every cut up to the last
     // field byte runs out inside the descriptors, which must stop and let the driver rewind.

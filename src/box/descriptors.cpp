@@ -48,11 +48,16 @@ uint64_t clampEnd(mp4_muxer *m, const Bound &bound, uint64_t end) {
     return is_reader(m) && end > bound.limit ? bound.limit : end;
 }
 
-void rwBytes(mp4_muxer *m, void *p, uint32_t n) {
-    if (is_reader(m))
-        read_n(m, p, n);
-    else
+// A run of bytes. Reading takes no byte from beyond the enclosing box: a length that claims
+// more leaves the rest of the field zero, whatever the stream holds after the box.
+void rwBytes(mp4_muxer *m, const Bound &bound, uint8_t *p, uint32_t n) {
+    if (!is_reader(m)) {
         write_n(m, p, int32_t(n));
+        return;
+    }
+    uint64_t pos = muxer_pos(m);
+    uint64_t room = bound.limit > pos ? bound.limit - pos : 0;
+    read_n(m, p, room < n ? uint32_t(room) : n);
 }
 
 uint32_t *lengthOf(Layout kind, void *record) {
@@ -116,7 +121,7 @@ void codeEsBody(mp4_muxer *m, const Bound &bound, ES_Descriptor *es, uint64_t bo
         rw16(m, &es->dependsOn_ES_ID);
     if (es->URL_Flag) {
         rw8(m, &es->URLlength);
-        rwBytes(m, es->URLstring, es->URLlength);
+        rwBytes(m, bound, reinterpret_cast<uint8_t *>(es->URLstring), es->URLlength);
         if (is_reader(m))
             es->URLstring[es->URLlength] = 0;
     }
@@ -175,13 +180,13 @@ void codeDcdBody(mp4_muxer *m, const Bound &bound, DecoderConfigDescriptor *d, u
 }
 
 // Returns where the body ends as far as the final move is concerned.
-uint64_t codeDsiBody(mp4_muxer *m, DecoderSpecificInfo *d, uint64_t body) {
+uint64_t codeDsiBody(mp4_muxer *m, const Bound &bound, DecoderSpecificInfo *d, uint64_t body) {
     uint32_t held = d->length;
     if (d->length > DSI_DATA_MAX) {
         printf("%s: decSpecificInfo size %d truncated\n", "rwDescriptor", int(d->length));
         held = DSI_DATA_MAX;
     }
-    rwBytes(m, d->data, held);
+    rwBytes(m, bound, d->data, held);
     if (is_reader(m))
         return body + held; // the enclosing descriptor's own move skips the rest
     // A record truncated on reading still declares its full length; the bytes it no longer
@@ -311,7 +316,7 @@ bool codeDescriptor(mp4_muxer *m, const Bound &bound, uint8_t tag, Layout kind, 
             codeDcdBody(m, bound, static_cast<DecoderConfigDescriptor *>(record), body);
             break;
         case Layout::Dsi:
-            end = codeDsiBody(m, static_cast<DecoderSpecificInfo *>(record), body);
+            end = codeDsiBody(m, bound, static_cast<DecoderSpecificInfo *>(record), body);
             break;
         case Layout::Sl:
             codeSlBody(m, static_cast<SLConfigDescriptor *>(record));
