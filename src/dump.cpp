@@ -21,9 +21,11 @@ constexpr uint32_t ENTRY_LIMIT = 2000;
 #define FCC(t) char((t) >> 24), char((t) >> 16), char((t) >> 8), char(t)
 
 // The record of `box` as T, or null when the node does not hold that much: a node the codec
-// passed over (unknown type, undecoded box read from a file) holds only its header.
+// passed over (unknown type, undecoded box read from a file) holds only its header. A node
+// built outside the allocator (a typed record on the writer's stack, alloc_size 0) is whole.
 template <class T> const T *record(const Box *box) {
-    return box->alloc_size >= sizeof(T) ? static_cast<const T *>(box) : nullptr;
+    return box->alloc_size == 0 || box->alloc_size >= sizeof(T) ? static_cast<const T *>(box)
+                                                                : nullptr;
 }
 
 // Bytes from p to the end of the node when p points into the node (a name or payload the codec

@@ -3,6 +3,7 @@
 // reviewed golden files.
 #include "box/box.h"
 #include "io.h"
+#include "tree_compare.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -279,6 +281,19 @@ TEST(DumpTimescale, ElstUsesTheMvhdUnderItsGreatGrandparent) {
 }
 
 // ---- movie, track and media boxes ------------------------------------------------------------
+
+TEST(DumpMovieBoxes, RecordBuiltOnTheStackIsPrintedWhole) {
+    Ftyp ftyp{}; // as the writer builds its ftyp: no allocation recorded
+    ftyp.type = fourcc("ftyp");
+    ftyp.size = 20;
+    ftyp.major_brand = fourcc("qt  ");
+    ftyp.minor_version = 0x20050300;
+    ftyp.compatible_brands[0] = fourcc("qt  ");
+    EXPECT_EQ(dump(nullptr, &ftyp), text(0, {"ftyp  size: 20",
+                                             "    major_brand: 0x71742020 (qt  )",
+                                             "    minor_version: 20050300",
+                                             "    compatible_brand[0]: 0x71742020 (qt  )"}));
+}
 
 TEST(DumpMovieBoxes, FtypBrandsAreCountedFromTheBoxSize) {
     auto *ftyp = make<Ftyp>(fourcc("ftyp"), 16);
@@ -1362,6 +1377,306 @@ TEST(DumpMdat, WriterAndRemuxerShowTheirDataBuffer) {
     mdat->data = nullptr;
     EXPECT_EQ(dump(w.m, mdat), "mdat  size: 20\n    data (offset: 48)\n");
     deleteBox(mdat);
+}
+
+// ---- through the codec ----------------------------------------------------------------------
+
+Box *sampleMovie() {
+    Box *moov = newBox(fourcc("moov"), 8);
+    addBox(sampleMvhd(), moov);
+    Box *trak = newBox(fourcc("trak"), 8);
+    addBox(trak, moov);
+    addBox(sampleTkhd(), trak);
+    return moov;
+}
+
+TEST(DumpThroughCodec, ChildrenIndentFourPerLevelAndReadingListsWhatWritingListed) {
+    Box *moov = sampleMovie();
+    std::vector<uint8_t> file(1024);
+    Handle w(mp4_writer_create());
+    mp4_buf_put(w.m, file.data(), uint32_t(file.size()));
+    mp4_debug(w.m, 1);
+    const std::string written = captured([&] { EXPECT_EQ(rwBox(w.m, moov), moov); });
+    file.resize(mp4_buf_get(w.m));
+    ASSERT_EQ(file.size(), 216u);
+
+    std::vector<std::string> ls = lines(written);
+    ASSERT_EQ(ls.size(), 1u + 18u + 1u + 20u) << written;
+    EXPECT_EQ(ls[0], "moov  size: 216");
+    EXPECT_EQ(ls[1], "    mvhd  size: 108");
+    EXPECT_EQ(ls[2], "        version: 0  flags: 0");
+    EXPECT_EQ(ls[6], "        duration: 5400000 (0:01:00.000)");
+    EXPECT_EQ(ls[18], "        next_track_ID: 3");
+    EXPECT_EQ(ls[19], "    trak  size: 100");
+    EXPECT_EQ(ls[20], "        tkhd  size: 92");
+    EXPECT_EQ(ls[21], "            version: 0  flags: 3");
+    EXPECT_EQ(ls[25], "            duration: 5400000 (0:01:00.000)");
+    EXPECT_EQ(ls[39], "            height: 65535.99998");
+
+    Handle r(mp4_reader_create());
+    mp4_buf_put(r.m, file.data(), uint32_t(file.size()));
+    mp4_debug(r.m, 1);
+    Box *read = nullptr;
+    EXPECT_EQ(captured([&] { read = rwBox(r.m, nullptr); }), written);
+    ASSERT_NE(read, nullptr);
+    mp4_buf_get(r.m);
+    deleteBox(read);
+    deleteBox(moov);
+}
+
+TEST(DumpThroughCodec, DebugOffPrintsNothing) {
+    Box *moov = sampleMovie();
+    Handle w(mp4_writer_create());
+    EXPECT_EQ(captured([&] { rwBox(w.m, moov); }), "");
+    deleteBox(moov);
+}
+
+// ---- whole files -----------------------------------------------------------------------------
+
+const char *const kFixtures[] = {"h264_aac.mp4", "h264_aac.mov", "frag.mp4", "mp4v.mp4",
+                                 "pcm_s16le.mov"};
+
+std::string fixturePath(const std::string &name) { return std::string(TEST_DATA_DIR) + "/" + name; }
+
+std::string readText(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Top-level boxes of a file read by a reader handle; `debug` switches the dump on.
+struct FileTree {
+    mp4_muxer *m;
+    std::vector<Box *> boxes;
+    std::vector<uint64_t> positions; // stream position after each box
+    FileTree(const std::string &path, bool debug) {
+        m = mp4_reader_create();
+        mp4_file_name_ascii(m, path.c_str());
+        EXPECT_EQ(mp4_get_error_code(m), 0u) << path;
+        if (debug)
+            mp4_debug(m, 1);
+        while (Box *b = rwBox(m, nullptr)) {
+            boxes.push_back(b);
+            positions.push_back(muxer_pos(m));
+        }
+    }
+    ~FileTree() {
+        for (Box *b : boxes)
+            deleteBox(b);
+        mp4_delete(m);
+    }
+    FileTree(const FileTree &) = delete;
+    FileTree &operator=(const FileTree &) = delete;
+};
+
+// What `mp4kit dump` prints for a file.
+std::string dumpFile(const std::string &path) {
+    return captured([&] { FileTree tree(path, true); });
+}
+
+TEST(DumpGolden, FixturesDumpAsTheReviewedListings) {
+    for (const char *name : kFixtures) {
+        const std::string golden = readText(fixturePath("golden/" + std::string(name) + ".dump"));
+        ASSERT_FALSE(golden.empty()) << "missing golden listing for " << name;
+        const std::string out = dumpFile(fixturePath(name));
+        if (out == golden)
+            continue;
+        // Point at the first differing line rather than printing both listings.
+        std::vector<std::string> a = lines(out), b = lines(golden);
+        size_t i = 0;
+        while (i < a.size() && i < b.size() && a[i] == b[i])
+            i++;
+        ADD_FAILURE() << name << ": line " << i + 1 << "\n  got:      "
+                      << (i < a.size() ? a[i] : "<end>") << "\n  expected: "
+                      << (i < b.size() ? b[i] : "<end>");
+    }
+}
+
+// The record as bytes, with every pointer the node holds cleared so that two reads compare.
+std::vector<uint8_t> recordBytes(const Box *b) {
+    std::vector<uint8_t> v(reinterpret_cast<const uint8_t *>(b),
+                           reinterpret_cast<const uint8_t *>(b) + b->alloc_size);
+    auto *c = reinterpret_cast<Box *>(v.data());
+    c->first_child = c->next = c->parent = nullptr;
+    if (b->alloc_size < recordSize(b->type))
+        return v; // header only
+    switch (b->type) {
+    case fourcc("stts"): reinterpret_cast<Stts *>(c)->entries = nullptr; break;
+    case fourcc("ctts"): reinterpret_cast<Ctts *>(c)->entries = nullptr; break;
+    case fourcc("stss"): reinterpret_cast<Stss *>(c)->entries = nullptr; break;
+    case fourcc("stsz"): reinterpret_cast<Stsz *>(c)->entries = nullptr; break;
+    case fourcc("stz2"): reinterpret_cast<Stz2 *>(c)->entries = nullptr; break;
+    case fourcc("stsc"): reinterpret_cast<Stsc *>(c)->entries = nullptr; break;
+    case fourcc("stco"): reinterpret_cast<Stco *>(c)->entries = nullptr; break;
+    case fourcc("co64"): reinterpret_cast<Co64 *>(c)->entries = nullptr; break;
+    case fourcc("elst"): reinterpret_cast<Elst *>(c)->entries = nullptr; break;
+    case fourcc("hdlr"): reinterpret_cast<Hdlr *>(c)->name = nullptr; break;
+    case fourcc("mdat"):
+    case fourcc("free"):
+    case fourcc("skip"):
+    case fourcc("wide"): reinterpret_cast<DataBox *>(c)->data = nullptr; break;
+    case fourcc("chan"): reinterpret_cast<Chan *>(c)->descriptions = nullptr; break;
+    case fourcc("trun"): reinterpret_cast<Trun *>(c)->samples = nullptr; break;
+    case fourcc("tfra"): reinterpret_cast<Tfra *>(c)->entries = nullptr; break;
+    default: break;
+    }
+    return v;
+}
+
+void expectSameNodes(const std::string &where, const Box *a, const Box *b) {
+    for (; a && b; a = a->next, b = b->next) {
+        const std::string here = where + "/" + boxtest::fcc(a->type);
+        ASSERT_EQ(a->type, b->type) << here;
+        EXPECT_EQ(a->size, b->size) << here;
+        EXPECT_EQ(a->data_pos, b->data_pos) << here;
+        EXPECT_EQ(a->node_flags, b->node_flags) << here;
+        ASSERT_EQ(a->alloc_size, b->alloc_size) << here;
+        EXPECT_TRUE(recordBytes(a) == recordBytes(b)) << here << ": record bytes differ";
+        if (a->type == fourcc("hdlr") && a->alloc_size >= sizeof(Hdlr)) {
+            const char *na = static_cast<const Hdlr *>(a)->name;
+            const char *nb = static_cast<const Hdlr *>(b)->name;
+            EXPECT_STREQ(na ? na : "", nb ? nb : "") << here;
+        }
+        expectSameNodes(here, a->first_child, b->first_child);
+    }
+    EXPECT_EQ(a == nullptr, b == nullptr) << where << ": child counts differ";
+}
+
+TEST(DumpSideEffects, ReadingWithTheDumpOnGivesTheSameTreesAndPositions) {
+    for (const char *name : kFixtures) {
+        SCOPED_TRACE(name);
+        FileTree plain(fixturePath(name), false);
+        std::unique_ptr<FileTree> holder;
+        (void)captured([&] { holder.reset(new FileTree(fixturePath(name), true)); });
+        FileTree &dumped = *holder;
+        ASSERT_EQ(plain.boxes.size(), dumped.boxes.size());
+        ASSERT_GT(plain.boxes.size(), 2u);
+        EXPECT_EQ(plain.positions, dumped.positions);
+        EXPECT_EQ(plain.m->flags & ~MP4_DEBUG, dumped.m->flags & ~MP4_DEBUG);
+        EXPECT_EQ(plain.m->error, dumped.m->error);
+        for (size_t i = 0; i < plain.boxes.size(); i++) {
+            expectSameNodes("", plain.boxes[i], dumped.boxes[i]);
+            EXPECT_EQ(boxtest::compareTrees(plain.boxes[i], dumped.boxes[i]),
+                      std::vector<std::string>{});
+        }
+    }
+}
+
+// Snapshot of every node of a tree, pointers included, in tree order.
+void snapshot(const Box *b, std::vector<std::vector<uint8_t>> &out) {
+    for (; b; b = b->next) {
+        out.emplace_back(reinterpret_cast<const uint8_t *>(b),
+                         reinterpret_cast<const uint8_t *>(b) + b->alloc_size);
+        snapshot(b->first_child, out);
+    }
+}
+
+void printTree(mp4_muxer *m, Box *b) {
+    for (; b; b = b->next) {
+        if (b->type == fourcc("hdlr") && b->alloc_size >= sizeof(Hdlr) &&
+            static_cast<Hdlr *>(b)->handler_type != fourcc("alis") &&
+            static_cast<Hdlr *>(b)->handler_type != fourcc("url "))
+            m->handler_type = static_cast<Hdlr *>(b)->handler_type; // as the codec sets it
+        printBox(m, b);
+        indent += 4;
+        printTree(m, b->first_child);
+        indent -= 4;
+    }
+}
+
+TEST(DumpSideEffects, PrintingAReadTreeChangesNoRecordAndNoStreamState) {
+    for (const char *name : kFixtures) {
+        SCOPED_TRACE(name);
+        FileTree tree(fixturePath(name), false);
+        FileTree fresh(fixturePath(name), false); // never printed
+        ASSERT_FALSE(tree.boxes.empty());
+        muxer_seek(tree.m, 100); // somewhere else than any mdat
+        const uint8_t flags = tree.m->flags;
+        std::vector<std::vector<uint8_t>> before, after;
+        for (Box *b : tree.boxes)
+            snapshot(b, before);
+        std::string out = captured([&] {
+            for (Box *b : tree.boxes)
+                printTree(tree.m, b);
+        });
+        EXPECT_NE(out.find("mdat  size: "), std::string::npos);
+        for (Box *b : tree.boxes)
+            snapshot(b, after);
+        EXPECT_TRUE(before == after) << "a record changed";
+        ASSERT_EQ(tree.boxes.size(), fresh.boxes.size());
+        for (size_t i = 0; i < tree.boxes.size(); i++) // arrays by content
+            EXPECT_EQ(boxtest::compareTrees(tree.boxes[i], fresh.boxes[i]),
+                      std::vector<std::string>{});
+        EXPECT_EQ(muxer_pos(tree.m), 100u);
+        EXPECT_EQ(ftello(tree.m->fp), 100);
+        EXPECT_EQ(tree.m->flags, flags);
+        EXPECT_EQ(tree.m->error, 0);
+    }
+}
+
+// ---- the command-line tool -------------------------------------------------------------------
+
+// Runs a shell command; returns its exit status and fills `out` with its standard output.
+int runCommand(const std::string &command, std::string &out) {
+    out.clear();
+    FILE *p = popen(command.c_str(), "r");
+    if (!p)
+        return -1;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
+        out.append(buf, n);
+    int status = pclose(p);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+const char *tool() { return getenv("MP4KIT_TOOL"); }
+
+TEST(DumpTool, PrintsTheSameListingAsTheLibrary) {
+    if (!tool())
+        GTEST_SKIP() << "MP4KIT_TOOL not set (run through ctest)";
+    for (const char *name : kFixtures) {
+        std::string out;
+        EXPECT_EQ(runCommand(std::string("'") + tool() + "' dump '" + fixturePath(name) + "'",
+                             out),
+                  0)
+            << name;
+        EXPECT_TRUE(out == readText(fixturePath("golden/" + std::string(name) + ".dump")))
+            << name;
+    }
+}
+
+TEST(DumpTool, FailsClearlyOnFilesItCannotDump) {
+    if (!tool())
+        GTEST_SKIP() << "MP4KIT_TOOL not set (run through ctest)";
+    std::string out;
+    EXPECT_NE(runCommand(std::string("'") + tool() + "' dump /nonexistent/x.mp4 2>&1", out), 0);
+    EXPECT_EQ(out, "mp4kit dump: cannot open /nonexistent/x.mp4: No such file or directory\n");
+    EXPECT_NE(runCommand(std::string("'") + tool() + "' dump 2>&1", out), 0);
+    EXPECT_EQ(out, "usage: mp4kit dump FILE\n");
+
+    // A box whose size is below 8 is bad input.
+    char path[] = "/tmp/mp4kit_dump_XXXXXX";
+    int fd = mkstemp(path);
+    const uint8_t corrupt[16] = {0, 0, 0, 8, 'f', 'r', 'e', 'e', 0, 0, 0, 4, 'a', 'b', 'c', 'd'};
+    ASSERT_EQ(write(fd, corrupt, sizeof corrupt), ssize_t(sizeof corrupt));
+    close(fd);
+    EXPECT_EQ(runCommand(std::string("'") + tool() + "' dump " + path + " 2>&1", out), 1);
+    EXPECT_NE(out.find("free  size: 8\n"), std::string::npos) << out;
+    EXPECT_NE(out.find(std::string("mp4kit dump: ") + path + ": bad input\n"), std::string::npos)
+        << out;
+
+    // A file cut inside a box is incomplete.
+    const uint8_t cut[12] = {0, 0, 0, 8, 'f', 'r', 'e', 'e', 0, 0, 0, 40};
+    fd = open(path, O_WRONLY | O_TRUNC);
+    ASSERT_EQ(write(fd, cut, sizeof cut), ssize_t(sizeof cut));
+    close(fd);
+    EXPECT_EQ(runCommand(std::string("'") + tool() + "' dump " + path + " 2>&1", out), 1);
+    EXPECT_NE(out.find(std::string("mp4kit dump: ") + path +
+                       ": file is 12 bytes but its boxes end at 8\n"),
+              std::string::npos)
+        << out;
+    unlink(path);
 }
 
 } // namespace
