@@ -199,8 +199,10 @@ inline size_t childOffset(const std::string &type) {
         return 8; // version, flags, entry_count
     if (type == "avc1" || type == "mp4v")
         return 78;
-    if (type == "mp4a" || type == "mp4s")
-        return 28; // visual/audio entry fields (version 0)
+    if (type == "mp4a")
+        return 28; // audio entry fields (version 0)
+    if (type == "mp4s")
+        return 8; // plain entry: reserved bytes and the data reference index
     if (type == "sowt")
         return 44; // version 1 sound description
     return 0;
@@ -251,6 +253,38 @@ inline std::vector<std::string> topLevel(const std::vector<uint8_t> &f) {
     for (auto &kv : boxesIn(f, 0, f.size()))
         out.push_back(kv.first);
     return out;
+}
+
+// ---- elementary streams of the fixtures --------------------------------------------------
+
+// Access units of an Annex B stream in which every unit opens with an access unit delimiter
+// (as tests/data/sample.h264 does), as [offset, size) pairs.
+inline std::vector<std::pair<size_t, size_t>> splitAtDelimiters(const std::vector<uint8_t> &s) {
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 4 < s.size(); i++) {
+        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1 && (s[i + 3] & 0x1F) == 9)
+            starts.push_back(i > 0 && s[i - 1] == 0 ? i - 1 : i);
+    }
+    std::vector<std::pair<size_t, size_t>> units;
+    for (size_t k = 0; k < starts.size(); k++) {
+        size_t end = k + 1 < starts.size() ? starts[k + 1] : s.size();
+        units.emplace_back(starts[k], end - starts[k]);
+    }
+    return units;
+}
+
+// ADTS frames by their frame_length field.
+inline std::vector<std::pair<size_t, size_t>> splitAdtsFrames(const std::vector<uint8_t> &s) {
+    std::vector<std::pair<size_t, size_t>> frames;
+    size_t p = 0;
+    while (p + 7 <= s.size() && s[p] == 0xFF && (s[p + 1] & 0xF0) == 0xF0) {
+        size_t len = (size_t(s[p + 3] & 3) << 11) | (size_t(s[p + 4]) << 3) | (s[p + 5] >> 5);
+        if (len < 7 || p + len > s.size())
+            break;
+        frames.emplace_back(p, len);
+        p += len;
+    }
+    return frames;
 }
 
 } // namespace test_util
