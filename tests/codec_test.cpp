@@ -745,7 +745,7 @@ TEST(CodecPredict, ContainersSumChildrenAndLargeSizesAddHeader) {
 }
 
 TEST(CodecPredict, SampleDescriptionByHandler) {
-    auto build = [](const char (&handler)[5], const char (&entry)[5], uint16_t version) {
+    auto build = [](const char(&handler)[5], const char(&entry)[5], uint16_t version) {
         Box *mdia = newBox(fourcc("mdia"), 8);
         auto *hdlr = static_cast<Hdlr *>(newBox(fourcc("hdlr"), 33));
         hdlr->handler_type = fourcc(handler);

@@ -84,7 +84,9 @@ std::string paramName(const testing::TestParamInfo<std::string> &info) {
 
 } // namespace
 
-TEST(Fixtures, DataDirectoryHoldsMovies) { EXPECT_GE(fixtureNames().size(), 5u); }
+TEST(Fixtures, DataDirectoryHoldsMovies) {
+    EXPECT_GE(fixtureNames().size(), 5u);
+}
 
 TEST_P(Fixture, EveryTopLevelBoxReadsFromMemoryAndFromFile) {
     Bytes bytes = loadFile(GetParam());
@@ -198,9 +200,9 @@ TEST(Fixtures, TreeComparisonSeesChangedFields) {
     ASSERT_NE(moovs[0], nullptr);
     ASSERT_NE(moovs[1], nullptr);
     EXPECT_TRUE(compareTrees(moovs[0], moovs[1]).empty());
-    Box *stbl = getChild(getChild(getChild(getChild(moovs[1], fourcc("trak")), fourcc("mdia")),
-                                  fourcc("minf")),
-                         fourcc("stbl"));
+    Box *stbl = getChild(
+        getChild(getChild(getChild(moovs[1], fourcc("trak")), fourcc("mdia")), fourcc("minf")),
+        fourcc("stbl"));
     ASSERT_NE(stbl, nullptr);
     auto *stsz = static_cast<Stsz *>(getChild(stbl, fourcc("stsz")));
     ASSERT_NE(stsz, nullptr);

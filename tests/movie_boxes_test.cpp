@@ -166,15 +166,15 @@ TEST(MovieMvhd, DurationPast32BitsSelectsVersionOne) {
 
 TEST(MovieTkhd, LayoutsAndCurrentTrack) {
     Bytes p;
-    put32(p, 1);       // creation
-    put32(p, 2);       // modification
-    put32(p, 7);       // track_ID
-    put32(p, 0);       // reserved
-    put32(p, 0xFFFF);  // duration
+    put32(p, 1);      // creation
+    put32(p, 2);      // modification
+    put32(p, 7);      // track_ID
+    put32(p, 0);      // reserved
+    put32(p, 0xFFFF); // duration
     append(p, Bytes(8, 0));
-    put16(p, 0xFFFF);  // layer -1
-    put16(p, 2);       // alternate_group
-    put16(p, 0x100);   // volume
+    put16(p, 0xFFFF); // layer -1
+    put16(p, 2);      // alternate_group
+    put16(p, 0x100);  // volume
     put16(p, 0);
     append(p, matrixBytes());
     put32(p, 640 << 16);
@@ -747,12 +747,11 @@ TEST(MovieSkeleton, MoovTreeRoundTripsFieldByField) {
     ASSERT_NE(b, nullptr);
     auto diffs = compareTrees(a, b);
     EXPECT_TRUE(diffs.empty()) << diffs[0];
-    Box *stbl = getChild(getChild(getChild(getChild(b, fourcc("trak")), fourcc("mdia")),
-                                  fourcc("minf")),
-                         fourcc("stbl"));
+    Box *stbl =
+        getChild(getChild(getChild(getChild(b, fourcc("trak")), fourcc("mdia")), fourcc("minf")),
+                 fourcc("stbl"));
     ASSERT_NE(stbl, nullptr);
-    EXPECT_EQ(static_cast<Stts *>(getChild(stbl, fourcc("stts")))->entries[0].sample_delta,
-              9000u);
+    EXPECT_EQ(static_cast<Stts *>(getChild(stbl, fourcc("stts")))->entries[0].sample_delta, 9000u);
     deleteBox(a);
     deleteBox(b);
 }

@@ -121,8 +121,9 @@ TEST(TablesLayout, WriterEmitsExactlyTheStoredCount) {
     for (uint32_t i = 0; i < 8; i++)
         s->entries[i] = i + 1;
     s->entry_count = 3; // the array has room for more
-    EXPECT_EQ(hex(writeToMemory(s)),
-              "00 00 00 1C 73 74 73 73 00 00 00 00 00 00 00 03 00 00 00 01 00 00 00 02 00 00 00 03");
+    EXPECT_EQ(
+        hex(writeToMemory(s)),
+        "00 00 00 1C 73 74 73 73 00 00 00 00 00 00 00 03 00 00 00 01 00 00 00 02 00 00 00 03");
     deleteBox(s);
 }
 
@@ -295,11 +296,11 @@ TEST(TablesFailures, AbsurdCountsNeverAllocateBeyondTheInput) {
         int version;
     };
     const Case cases[] = {
-        {"stts", words({0xFFFFFFFF, 1, 2}), 0}, {"ctts", words({0x80000000, 1, 2}), 0},
-        {"stss", words({0xFFFFFFFF, 1}), 0},    {"stsz", words({0, 0xFFFFFFFF, 1}), 0},
-        {"stsc", words({0x40000000, 1, 2, 3}), 0},
-        {"stco", words({0xFFFFFFFF, 1}), 0},    {"co64", words({0xFFFFFFFF, 1, 2}), 0},
-        {"elst", words({0xFFFFFFFF, 1, 2, 3}), 0}, {"elst", words({0x10000000, 1, 2, 3}), 1},
+        {"stts", words({0xFFFFFFFF, 1, 2}), 0},    {"ctts", words({0x80000000, 1, 2}), 0},
+        {"stss", words({0xFFFFFFFF, 1}), 0},       {"stsz", words({0, 0xFFFFFFFF, 1}), 0},
+        {"stsc", words({0x40000000, 1, 2, 3}), 0}, {"stco", words({0xFFFFFFFF, 1}), 0},
+        {"co64", words({0xFFFFFFFF, 1, 2}), 0},    {"elst", words({0xFFFFFFFF, 1, 2, 3}), 0},
+        {"elst", words({0x10000000, 1, 2, 3}), 1},
     };
     for (const Case &c : cases) {
         Bytes in;

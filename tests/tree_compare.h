@@ -14,7 +14,9 @@ namespace boxtest {
 
 using Bytes = std::vector<uint8_t>;
 
-inline void put8(Bytes &b, uint32_t v) { b.push_back(uint8_t(v)); }
+inline void put8(Bytes &b, uint32_t v) {
+    b.push_back(uint8_t(v));
+}
 inline void put16(Bytes &b, uint32_t v) {
     put8(b, v >> 8);
     put8(b, v);
@@ -36,7 +38,9 @@ inline void putStr(Bytes &b, const char *s, bool with_zero = true) {
     if (with_zero)
         b.push_back(0);
 }
-inline void append(Bytes &b, const Bytes &more) { b.insert(b.end(), more.begin(), more.end()); }
+inline void append(Bytes &b, const Bytes &more) {
+    b.insert(b.end(), more.begin(), more.end());
+}
 
 // A box with a compact header around `payload`.
 inline Bytes box(const char (&type)[5], const Bytes &payload) {
@@ -48,8 +52,7 @@ inline Bytes box(const char (&type)[5], const Bytes &payload) {
 }
 
 // A full box: version and flags in front of `payload`.
-inline Bytes fullBox(const char (&type)[5], uint8_t version, uint32_t flags,
-                     const Bytes &payload) {
+inline Bytes fullBox(const char (&type)[5], uint8_t version, uint32_t flags, const Bytes &payload) {
     Bytes p;
     put8(p, version);
     put24(p, flags);
@@ -131,11 +134,10 @@ struct TreeCompare {
     }
     template <class T> void field(const std::string &path, const char *name, T a, T b) {
         if (a != b)
-            diff(path, std::string(name) + " " + std::to_string(uint64_t(a)) + " != " +
-                           std::to_string(uint64_t(b)));
+            diff(path, std::string(name) + " " + std::to_string(uint64_t(a)) +
+                           " != " + std::to_string(uint64_t(b)));
     }
-    void bytes(const std::string &path, const char *name, const void *a, const void *b,
-               size_t n) {
+    void bytes(const std::string &path, const char *name, const void *a, const void *b, size_t n) {
         if (n && (!a || !b)) {
             if (a != b)
                 diff(path, std::string(name) + " missing on one side");
@@ -248,7 +250,9 @@ inline void TreeCompare::record(const std::string &p, const Box *a, const Box *b
         TC_F(avgbitrate);
         break;
     }
-    case fourcc("nmhd"): full(a, b); break;
+    case fourcc("nmhd"):
+        full(a, b);
+        break;
     case fourcc("dref"): {
         auto x = static_cast<const Dref *>(a), y = static_cast<const Dref *>(b);
         full(a, b);
@@ -483,8 +487,8 @@ inline void TreeCompare::record(const std::string &p, const Box *a, const Box *b
 
 #undef TC_F
 
-inline void TreeCompare::tree(const std::string &path, const Box *a, const Box *b,
-                              uint32_t handler, bool compare_size) {
+inline void TreeCompare::tree(const std::string &path, const Box *a, const Box *b, uint32_t handler,
+                              bool compare_size) {
     std::string p = path + "/" + fcc(a->type);
     if (a->type != b->type) {
         diff(p, "type " + fcc(a->type) + " != " + fcc(b->type));
@@ -515,8 +519,7 @@ inline void TreeCompare::tree(const std::string &path, const Box *a, const Box *
 }
 
 // Compares two trees; the result lists the differences (empty when equal).
-inline std::vector<std::string> compareTrees(const Box *a, const Box *b,
-                                             bool compare_size = true) {
+inline std::vector<std::string> compareTrees(const Box *a, const Box *b, bool compare_size = true) {
     TreeCompare tc;
     if (!a || !b) {
         if (a != b)

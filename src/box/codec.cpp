@@ -13,12 +13,16 @@ int show_actual_size = 1;
 
 enum { MAX_BOX_DEPTH = 20 };
 
-static inline char c4(uint32_t type, int shift) { return char(type >> shift); }
+static inline char c4(uint32_t type, int shift) {
+    return char(type >> shift);
+}
 #define TYPE_CHARS(t) c4(t, 24), c4(t, 16), c4(t, 8), c4(t, 0)
 
 // ---- bounded allocation ----------------------------------------------------------------------
 
-static bool memory_backend(const mp4_muxer *m) { return m->fd == -1 && !m->fp; }
+static bool memory_backend(const mp4_muxer *m) {
+    return m->fd == -1 && !m->fp;
+}
 
 // Bytes the input still holds after the current position, or UINT64_MAX when that cannot be
 // learned (a pipe, or a memory reader with no buffer at all reads nothing: 0).
@@ -80,10 +84,8 @@ static Box *rewindExit(mp4_muxer *m, Box *node, uint64_t start) {
     return nullptr;
 }
 
-static Box *allocationExit(mp4_muxer *m, Box *node, uint32_t type, uint64_t start,
-                           uint64_t size) {
-    fprintf(stderr, "%s: failed to allocate memory for box %c%c%c%c\n", "rwBox",
-            TYPE_CHARS(type));
+static Box *allocationExit(mp4_muxer *m, Box *node, uint32_t type, uint64_t start, uint64_t size) {
+    fprintf(stderr, "%s: failed to allocate memory for box %c%c%c%c\n", "rwBox", TYPE_CHARS(type));
     muxer_seek(m, start + size);
     if (is_reader(m))
         discardNode(node);
@@ -129,8 +131,10 @@ static bool isContainer(uint32_t type) {
     case fourcc("rmra"):
     case fourcc("stbl"):
     case fourcc("traf"):
-    case fourcc("trak"): return true;
-    default: return false;
+    case fourcc("trak"):
+        return true;
+    default:
+        return false;
     }
 }
 
@@ -139,48 +143,86 @@ static bool isContainer(uint32_t type) {
 static bool codeFields(mp4_muxer *m, Box **node, uint64_t start) {
     Box *b = *node;
     switch (b->type) {
-    case fourcc("ftyp"): return codeFtyp(m, node, start);
-    case fourcc("mvhd"): return codeMvhd(m, node, start);
-    case fourcc("tkhd"): return codeTkhd(m, node, start);
-    case fourcc("mdhd"): return codeMdhd(m, node, start);
-    case fourcc("hdlr"): return codeHdlr(m, node, start);
-    case fourcc("vmhd"): return codeVmhd(m, node, start);
-    case fourcc("smhd"): return codeSmhd(m, node, start);
-    case fourcc("hmhd"): return codeHmhd(m, node, start);
-    case fourcc("nmhd"): return codeNmhd(m, node, start);
-    case fourcc("dref"): return codeDref(m, node, start);
+    case fourcc("ftyp"):
+        return codeFtyp(m, node, start);
+    case fourcc("mvhd"):
+        return codeMvhd(m, node, start);
+    case fourcc("tkhd"):
+        return codeTkhd(m, node, start);
+    case fourcc("mdhd"):
+        return codeMdhd(m, node, start);
+    case fourcc("hdlr"):
+        return codeHdlr(m, node, start);
+    case fourcc("vmhd"):
+        return codeVmhd(m, node, start);
+    case fourcc("smhd"):
+        return codeSmhd(m, node, start);
+    case fourcc("hmhd"):
+        return codeHmhd(m, node, start);
+    case fourcc("nmhd"):
+        return codeNmhd(m, node, start);
+    case fourcc("dref"):
+        return codeDref(m, node, start);
     case fourcc("url "):
-    case fourcc("alis"): return codeUrl(m, node, start);
-    case fourcc("urn "): return codeUrn(m, node, start);
-    case fourcc("elst"): return codeElst(m, node, start);
+    case fourcc("alis"):
+        return codeUrl(m, node, start);
+    case fourcc("urn "):
+        return codeUrn(m, node, start);
+    case fourcc("elst"):
+        return codeElst(m, node, start);
     case fourcc("free"):
     case fourcc("skip"):
-    case fourcc("wide"): return codeFree(m, node, start);
-    case fourcc("mdat"): return codeMdat(m, node, start);
-    case fourcc("stts"): return codeStts(m, node, start);
-    case fourcc("ctts"): return codeCtts(m, node, start);
-    case fourcc("stss"): return codeStss(m, node, start);
-    case fourcc("stsz"): return codeStsz(m, node, start);
-    case fourcc("stz2"): return codeStz2(m, node, start);
-    case fourcc("stsc"): return codeStsc(m, node, start);
-    case fourcc("stco"): return codeStco(m, node, start);
-    case fourcc("co64"): return codeCo64(m, node, start);
-    case fourcc("stsd"): return codeStsd(m, node, start);
+    case fourcc("wide"):
+        return codeFree(m, node, start);
+    case fourcc("mdat"):
+        return codeMdat(m, node, start);
+    case fourcc("stts"):
+        return codeStts(m, node, start);
+    case fourcc("ctts"):
+        return codeCtts(m, node, start);
+    case fourcc("stss"):
+        return codeStss(m, node, start);
+    case fourcc("stsz"):
+        return codeStsz(m, node, start);
+    case fourcc("stz2"):
+        return codeStz2(m, node, start);
+    case fourcc("stsc"):
+        return codeStsc(m, node, start);
+    case fourcc("stco"):
+        return codeStco(m, node, start);
+    case fourcc("co64"):
+        return codeCo64(m, node, start);
+    case fourcc("stsd"):
+        return codeStsd(m, node, start);
     case fourcc("mett"):
-    case fourcc("metx"): return codePlainSampleEntry(m, node, start);
-    case fourcc("avcC"): return codeAvcC(m, node, start);
-    case fourcc("btrt"): return codeBtrt(m, node, start);
-    case fourcc("chan"): return codeChan(m, node, start);
-    case fourcc("fiel"): return codeFiel(m, node, start);
-    case fourcc("mehd"): return codeMehd(m, node, start);
-    case fourcc("trex"): return codeTrex(m, node, start);
-    case fourcc("mfhd"): return codeMfhd(m, node, start);
-    case fourcc("tfhd"): return codeTfhd(m, node, start);
-    case fourcc("trun"): return codeTrun(m, node, start);
-    case fourcc("tfra"): return codeTfra(m, node, start);
-    case fourcc("mfro"): return codeMfro(m, node, start);
-    case fourcc("esds"): return codeEsds(m, node, start);
-    case fourcc("iods"): return codeIods(m, node, start);
+    case fourcc("metx"):
+        return codePlainSampleEntry(m, node, start);
+    case fourcc("avcC"):
+        return codeAvcC(m, node, start);
+    case fourcc("btrt"):
+        return codeBtrt(m, node, start);
+    case fourcc("chan"):
+        return codeChan(m, node, start);
+    case fourcc("fiel"):
+        return codeFiel(m, node, start);
+    case fourcc("mehd"):
+        return codeMehd(m, node, start);
+    case fourcc("trex"):
+        return codeTrex(m, node, start);
+    case fourcc("mfhd"):
+        return codeMfhd(m, node, start);
+    case fourcc("tfhd"):
+        return codeTfhd(m, node, start);
+    case fourcc("trun"):
+        return codeTrun(m, node, start);
+    case fourcc("tfra"):
+        return codeTfra(m, node, start);
+    case fourcc("mfro"):
+        return codeMfro(m, node, start);
+    case fourcc("esds"):
+        return codeEsds(m, node, start);
+    case fourcc("iods"):
+        return codeIods(m, node, start);
     case fourcc("dinf"):
     case fourcc("edts"):
     case fourcc("mdia"):
@@ -192,7 +234,8 @@ static bool codeFields(mp4_muxer *m, Box **node, uint64_t start) {
     case fourcc("rmra"):
     case fourcc("stbl"):
     case fourcc("traf"):
-    case fourcc("trak"): return true; // pure containers: children only
+    case fourcc("trak"):
+        return true; // pure containers: children only
     default:
         if (b->parent && b->parent->type == fourcc("stsd")) {
             bool decoded = true;
@@ -367,22 +410,34 @@ uint64_t checkBoxSize(Box *box) {
     uint64_t s = 0;
     const FullBox *full = record<FullBox>(box);
     switch (box->type) {
-    case fourcc("mvhd"): s = 108; break;
-    case fourcc("tkhd"): s = (full && full->version == 1) ? 104 : 92; break;
-    case fourcc("mdhd"): s = (full && full->version == 1) ? 44 : 32; break;
+    case fourcc("mvhd"):
+        s = 108;
+        break;
+    case fourcc("tkhd"):
+        s = (full && full->version == 1) ? 104 : 92;
+        break;
+    case fourcc("mdhd"):
+        s = (full && full->version == 1) ? 44 : 32;
+        break;
     case fourcc("hdlr"): {
         const Hdlr *h = record<Hdlr>(box);
         s = 33 + ((h && h->name) ? strlen(h->name) : 0);
         break;
     }
-    case fourcc("vmhd"): s = 20; break;
-    case fourcc("smhd"): s = 16; break;
+    case fourcc("vmhd"):
+        s = 20;
+        break;
+    case fourcc("smhd"):
+        s = 16;
+        break;
     case fourcc("url "): {
         const Url *u = record<Url>(box);
         s = 13 + (u ? strnlen(u->location, sizeof u->location) : 0);
         break;
     }
-    case fourcc("dref"): s = 16 + checkBoxSize(box->first_child); break;
+    case fourcc("dref"):
+        s = 16 + checkBoxSize(box->first_child);
+        break;
     case fourcc("stts"): {
         const Stts *t = record<Stts>(box);
         s = 16 + 8 * uint64_t(t ? t->entry_count : 0);
@@ -419,9 +474,15 @@ uint64_t checkBoxSize(Box *box) {
         s = 16 + per * (t ? t->entry_count : 0);
         break;
     }
-    case fourcc("stsd"): s = 16 + predictSampleEntries(box); break;
-    case fourcc("iods"): s = 33; break;
-    case fourcc("esds"): s = 40; break;
+    case fourcc("stsd"):
+        s = 16 + predictSampleEntries(box);
+        break;
+    case fourcc("iods"):
+        s = 33;
+        break;
+    case fourcc("esds"):
+        s = 40;
+        break;
     case fourcc("avcC"): {
         const AvcC *a = record<AvcC>(box);
         s = 19 + (a ? uint64_t(a->length[0]) + a->length[1] : 0);
@@ -434,7 +495,8 @@ uint64_t checkBoxSize(Box *box) {
     case fourcc("ftyp"):
     case fourcc("avc1"):
     case fourcc("mp4a"):
-    case fourcc("mp4v"): return box->size;
+    case fourcc("mp4v"):
+        return box->size;
     default:
         if (isContainer(box->type)) {
             s = 8;

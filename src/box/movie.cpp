@@ -7,7 +7,9 @@
 
 namespace {
 
-template <class T> T *enlarge(Box **box) { return static_cast<T *>(extendBox(box, sizeof(T))); }
+template <class T> T *enlarge(Box **box) {
+    return static_cast<T *>(extendBox(box, sizeof(T)));
+}
 
 // Bytes from the current position to the declared end of the box (0 when already past it).
 uint64_t leftInBox(mp4_muxer *m, uint64_t start, const Box *b) {
@@ -16,7 +18,9 @@ uint64_t leftInBox(mp4_muxer *m, uint64_t start, const Box *b) {
     return end > pos ? end - pos : 0;
 }
 
-bool reading(const mp4_muxer *m) { return is_reader(m); }
+bool reading(const mp4_muxer *m) {
+    return is_reader(m);
+}
 
 // Times and durations: 8 bytes in version 1, 4 bytes (zero-extended on reading) otherwise.
 void rwTime(mp4_muxer *m, uint64_t *v, uint8_t version) {

@@ -5,7 +5,9 @@
 
 namespace {
 
-template <class T> T *enlarge(Box **box) { return static_cast<T *>(extendBox(box, sizeof(T))); }
+template <class T> T *enlarge(Box **box) {
+    return static_cast<T *>(extendBox(box, sizeof(T)));
+}
 
 // Allocates the entry array of a table being read. Returns false only when the allocator failed
 // (the driver then takes its allocation exit); input too short for the count leaves entries null
