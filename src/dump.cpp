@@ -5,8 +5,8 @@
 #include "box/box.h"
 
 #include <climits>
-#include <cstdint>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -37,10 +37,14 @@ uint64_t bytesLeftInNode(const Box *box, const void *p) {
     return UINT64_MAX;
 }
 
-void printFull(const FullBox *b) { iprintf("version: %u  flags: %x\n", b->version, b->flags); }
+void printFull(const FullBox *b) {
+    iprintf("version: %u  flags: %x\n", b->version, b->flags);
+}
 
 // 16.16 fraction in five digits; the product needs more than 32 bits.
-unsigned frac16(uint32_t v) { return unsigned((uint64_t(v & 0xFFFF) * 100000) >> 16); }
+unsigned frac16(uint32_t v) {
+    return unsigned((uint64_t(v & 0xFFFF) * 100000) >> 16);
+}
 
 struct Clock {
     int hours, minutes, seconds, millis;
@@ -49,8 +53,7 @@ struct Clock {
 // t must not be 0.
 Clock clockOf(uint64_t d, uint32_t t) {
     uint64_t secs = d / t;
-    return Clock{int(secs / 3600), int(secs / 60 % 60), int(secs % 60),
-                 int((d % t) * 1000 / t)};
+    return Clock{int(secs / 3600), int(secs / 60 % 60), int(secs % 60), int((d % t) * 1000 / t)};
 }
 
 // Timescale of the mvhd directly under `container`, or 0 when there is none to be had.
@@ -74,8 +77,8 @@ void printDuration(uint64_t d, uint32_t t) {
         return;
     }
     Clock c = clockOf(d, t);
-    iprintf("duration: %lu (%d:%02d:%02d.%03d)\n", (unsigned long)d, c.hours, c.minutes,
-            c.seconds, c.millis);
+    iprintf("duration: %lu (%d:%02d:%02d.%03d)\n", (unsigned long)d, c.hours, c.minutes, c.seconds,
+            c.millis);
 }
 
 // True while entry i may be printed; prints "..." for the first one that may not.
@@ -234,8 +237,7 @@ void printCtts(mp4_muxer *m, const Ctts *b) {
             iprintf("sample[%d] count: %u  offset: %i\n", int(i), e.sample_count,
                     int32_t(e.sample_offset));
         else
-            iprintf("sample[%d] count: %u  offset: %u\n", int(i), e.sample_count,
-                    e.sample_offset);
+            iprintf("sample[%d] count: %u  offset: %u\n", int(i), e.sample_count, e.sample_offset);
     }
 }
 
@@ -312,8 +314,7 @@ void printStsh(const Stsh *b) {
     printFull(b);
     iprintf("entry_count: %u\n", b->entry_count);
     for (uint32_t i = 0; b->entries && i < b->entry_count && withinLimit(i); i++) {
-        iprintf("shadowed_sample_number[%d]: %u\n", int(i),
-                b->entries[i].shadowed_sample_number);
+        iprintf("shadowed_sample_number[%d]: %u\n", int(i), b->entries[i].shadowed_sample_number);
         iprintf("sync_sample_number[%d]: %u\n", int(i), b->entries[i].sync_sample_number);
     }
 }
@@ -371,17 +372,29 @@ void printAvcC(const AvcC *b) {
 }
 
 void printFiel(const Fiel *b) {
-    const char *count = b->fieldCount == 1 ? "progressive"
+    const char *count = b->fieldCount == 1   ? "progressive"
                         : b->fieldCount == 2 ? "interlaced"
                                              : "unknown";
     const char *order;
     switch (b->fieldOrder) {
-    case 0: order = "one field"; break;
-    case 1: order = "top first"; break;
-    case 6: order = "bottom first"; break;
-    case 9: order = "top first, display bottom first"; break;
-    case 14: order = "bottom first, display top first"; break;
-    default: order = "unknown"; break;
+    case 0:
+        order = "one field";
+        break;
+    case 1:
+        order = "top first";
+        break;
+    case 6:
+        order = "bottom first";
+        break;
+    case 9:
+        order = "top first, display bottom first";
+        break;
+    case 14:
+        order = "bottom first, display top first";
+        break;
+    default:
+        order = "unknown";
+        break;
     }
     iprintf("fieldCount: %u %s\n", b->fieldCount, count);
     iprintf("fieldOrder: %u %s\n", b->fieldOrder, order);
@@ -423,8 +436,7 @@ void printOther(mp4_muxer *m, const Box *box) {
         iprintf("data_reference_index: %u\n", e->data_reference_index);
         iprintf("width: %u\n", e->width);
         iprintf("height: %u\n", e->height);
-        iprintf("horizresolution: %u.%05u\n", e->horizresolution >> 16,
-                frac16(e->horizresolution));
+        iprintf("horizresolution: %u.%05u\n", e->horizresolution >> 16, frac16(e->horizresolution));
         iprintf("vertresolution: %u.%05u\n", e->vertresolution >> 16, frac16(e->vertresolution));
         iprintf("frame_count: %u\n", e->frame_count);
         iprintf("compressorname: %.*s\n", int(sizeof e->compressorname),
@@ -724,12 +736,23 @@ void printDescriptor(uint8_t tag, const void *record) {
     switch (tag) {
     case 1:
     case 2:
-    case 16: printIOD(tag, *static_cast<const InitialObjectDescriptor *>(record)); break;
-    case 3: printES(*static_cast<const ES_Descriptor *>(record)); break;
-    case 4: printDCD(*static_cast<const DecoderConfigDescriptor *>(record)); break;
-    case 5: printDSI(*static_cast<const DecoderSpecificInfo *>(record)); break;
-    case 6: printSL(*static_cast<const SLConfigDescriptor *>(record)); break;
-    default: break;
+    case 16:
+        printIOD(tag, *static_cast<const InitialObjectDescriptor *>(record));
+        break;
+    case 3:
+        printES(*static_cast<const ES_Descriptor *>(record));
+        break;
+    case 4:
+        printDCD(*static_cast<const DecoderConfigDescriptor *>(record));
+        break;
+    case 5:
+        printDSI(*static_cast<const DecoderSpecificInfo *>(record));
+        break;
+    case 6:
+        printSL(*static_cast<const SLConfigDescriptor *>(record));
+        break;
+    default:
+        break;
     }
 }
 
@@ -754,7 +777,8 @@ void printBox(mp4_muxer *m, Box *box) {
     case fourcc("rmda"):
     case fourcc("free"):
     case fourcc("skip"):
-    case fourcc("wide"): break;
+    case fourcc("wide"):
+        break;
     case fourcc("ftyp"):
         if (auto *r = record<Ftyp>(box))
             printFtyp(r);
@@ -862,7 +886,9 @@ void printBox(mp4_muxer *m, Box *box) {
         if (auto *r = record<Padb>(box))
             printPadb(r);
         break;
-    case fourcc("mdat"): printMdat(m, box); break;
+    case fourcc("mdat"):
+        printMdat(m, box);
+        break;
     case fourcc("iods"):
         if (auto *r = record<Iods>(box)) {
             printFull(r);
@@ -904,8 +930,7 @@ void printBox(mp4_muxer *m, Box *box) {
         if (auto *r = record<Trex>(box)) {
             printFull(r);
             iprintf("track_ID: %u\n", r->track_ID);
-            iprintf("default_sample_description_index: %u\n",
-                    r->default_sample_description_index);
+            iprintf("default_sample_description_index: %u\n", r->default_sample_description_index);
             iprintf("default_sample_duration: %u\n", r->default_sample_duration);
             iprintf("default_sample_size: %u\n", r->default_sample_size);
             iprintf("default_sample_flags: %u\n", r->default_sample_flags);
@@ -941,7 +966,9 @@ void printBox(mp4_muxer *m, Box *box) {
         if (auto *r = record<SampleEntry>(box))
             iprintf("data_reference_index: %u\n", r->data_reference_index);
         break;
-    default: printOther(m, box); break;
+    default:
+        printOther(m, box);
+        break;
     }
     indent -= 4;
 }

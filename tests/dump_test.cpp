@@ -88,8 +88,8 @@ Mvhd *sampleMvhd() {
     mvhd->modification_time = 3000000001u;
     mvhd->timescale = 90000;
     mvhd->duration = 5400000;
-    mvhd->rate = 0x18000;  // 1.5
-    mvhd->volume = 0x180;  // 1.5
+    mvhd->rate = 0x18000; // 1.5
+    mvhd->volume = 0x180; // 1.5
     mvhd->matrix[0] = 0x10000;
     mvhd->matrix[4] = 0x10000;
     mvhd->matrix[8] = 0x40000000;
@@ -100,24 +100,15 @@ Mvhd *sampleMvhd() {
 TEST(DumpLayout, MvhdFieldsSitFourDeeperThanItsHeaderLine) {
     Mvhd *mvhd = sampleMvhd();
     IndentAt at(4); // as the codec leaves it for a child of moov
-    EXPECT_EQ(dump(nullptr, mvhd), text(4, {"mvhd  size: 108",
-                                            "    version: 0  flags: 0",
-                                            "    creation_time: 3000000000",
-                                            "    modification_time: 3000000001",
-                                            "    timescale: 90000",
-                                            "    duration: 5400000 (0:01:00.000)",
-                                            "    rate: 0x18000 (1.5000)",
-                                            "    volume: 0x180 (1.50)",
-                                            "    matrix[0]: 0x10000",
-                                            "    matrix[1]: 0x0",
-                                            "    matrix[2]: 0x0",
-                                            "    matrix[3]: 0x0",
-                                            "    matrix[4]: 0x10000",
-                                            "    matrix[5]: 0x0",
-                                            "    matrix[6]: 0x0",
-                                            "    matrix[7]: 0x0",
-                                            "    matrix[8]: 0x40000000",
-                                            "    next_track_ID: 3"}));
+    EXPECT_EQ(
+        dump(nullptr, mvhd),
+        text(4, {"mvhd  size: 108", "    version: 0  flags: 0", "    creation_time: 3000000000",
+                 "    modification_time: 3000000001", "    timescale: 90000",
+                 "    duration: 5400000 (0:01:00.000)", "    rate: 0x18000 (1.5000)",
+                 "    volume: 0x180 (1.50)", "    matrix[0]: 0x10000", "    matrix[1]: 0x0",
+                 "    matrix[2]: 0x0", "    matrix[3]: 0x0", "    matrix[4]: 0x10000",
+                 "    matrix[5]: 0x0", "    matrix[6]: 0x0", "    matrix[7]: 0x0",
+                 "    matrix[8]: 0x40000000", "    next_track_ID: 3"}));
     deleteBox(mvhd);
 }
 
@@ -142,7 +133,9 @@ TEST(DumpLayout, SizeAbove32BitsIsPrintedWhole) {
     deleteBox(b);
 }
 
-TEST(DumpLayout, NullBoxPrintsNothing) { EXPECT_EQ(dump(nullptr, nullptr), ""); }
+TEST(DumpLayout, NullBoxPrintsNothing) {
+    EXPECT_EQ(dump(nullptr, nullptr), "");
+}
 
 TEST(DumpClock, HoursMinutesSecondsAndMillisecondsFromTheMediaTimescale) {
     auto *mdhd = make<Mdhd>(fourcc("mdhd"), 32);
@@ -153,15 +146,11 @@ TEST(DumpClock, HoursMinutesSecondsAndMillisecondsFromTheMediaTimescale) {
     mdhd->language[0] = 4;
     mdhd->language[1] = 14;
     mdhd->language[2] = 21;
-    EXPECT_EQ(dump(nullptr, mdhd), text(0, {"mdhd  size: 32",
-                                            "    version: 1  flags: abc",
-                                            "    creation_time: 0",
-                                            "    modification_time: 0",
-                                            "    timescale: 48000",
-                                            "    duration: 175752048 (1:01:01.501)",
-                                            "    language[0]: 4",
-                                            "    language[1]: 14",
-                                            "    language[2]: 21"}));
+    EXPECT_EQ(dump(nullptr, mdhd),
+              text(0, {"mdhd  size: 32", "    version: 1  flags: abc", "    creation_time: 0",
+                       "    modification_time: 0", "    timescale: 48000",
+                       "    duration: 175752048 (1:01:01.501)", "    language[0]: 4",
+                       "    language[1]: 14", "    language[2]: 21"}));
     mdhd->timescale = 0; // no clock without a timescale
     EXPECT_NE(dump(nullptr, mdhd).find("    duration: 175752048\n"), std::string::npos);
     deleteBox(mdhd);
@@ -192,26 +181,16 @@ Tkhd *sampleTkhd() {
 }
 
 std::string tkhdLines(const char *duration_line) {
-    return text(0, {"tkhd  size: 92",
-                    "    version: 0  flags: 3",
-                    "    creation_time: 0",
-                    "    modification_time: 0",
-                    "    track_ID: 1",
-                    duration_line,
-                    "    layer: 1",
-                    "    alternate_group: 2",
-                    "    volume: 256",
-                    "    matrix[0]: 0x10000",
-                    "    matrix[1]: 0x0",
-                    "    matrix[2]: 0x0",
-                    "    matrix[3]: 0x0",
-                    "    matrix[4]: 0x0",
-                    "    matrix[5]: 0x0",
-                    "    matrix[6]: 0x0",
-                    "    matrix[7]: 0x0",
-                    "    matrix[8]: 0x0",
-                    "    width: 160.00000",
-                    "    height: 65535.99998"});
+    return text(0, {"tkhd  size: 92",       "    version: 0  flags: 3",
+                    "    creation_time: 0", "    modification_time: 0",
+                    "    track_ID: 1",      duration_line,
+                    "    layer: 1",         "    alternate_group: 2",
+                    "    volume: 256",      "    matrix[0]: 0x10000",
+                    "    matrix[1]: 0x0",   "    matrix[2]: 0x0",
+                    "    matrix[3]: 0x0",   "    matrix[4]: 0x0",
+                    "    matrix[5]: 0x0",   "    matrix[6]: 0x0",
+                    "    matrix[7]: 0x0",   "    matrix[8]: 0x0",
+                    "    width: 160.00000", "    height: 65535.99998"});
 }
 
 TEST(DumpTimescale, TkhdInsideAMovieUsesTheMvhdTimescale) {
@@ -246,17 +225,12 @@ TEST(DumpTimescale, ElstUsesTheMvhdUnderItsGreatGrandparent) {
     elst->entries = allocArray<ElstEntry>(2);
     elst->entries[0] = {45000, -1, 1, 0};
     elst->entries[1] = {90000 * 61 + 9, 1024, 1, -2};
-    const std::string plain = text(0, {"elst  size: 40",
-                                       "    version: 0  flags: 0",
-                                       "    entry_count: 2",
-                                       "    segment_duration[0]: 45000",
-                                       "    media_time      [0]: -1",
-                                       "    media_rate_integer [0]: 1",
-                                       "    media_rate_fraction[0]: 0",
-                                       "    segment_duration[1]: 5490009",
-                                       "    media_time      [1]: 1024",
-                                       "    media_rate_integer [1]: 1",
-                                       "    media_rate_fraction[1]: -2"});
+    const std::string plain =
+        text(0, {"elst  size: 40", "    version: 0  flags: 0", "    entry_count: 2",
+                 "    segment_duration[0]: 45000", "    media_time      [0]: -1",
+                 "    media_rate_integer [0]: 1", "    media_rate_fraction[0]: 0",
+                 "    segment_duration[1]: 5490009", "    media_time      [1]: 1024",
+                 "    media_rate_integer [1]: 1", "    media_rate_fraction[1]: -2"});
     EXPECT_EQ(dump(nullptr, elst), plain);
 
     Box *moov = newBox(fourcc("moov"), 8);
@@ -266,17 +240,13 @@ TEST(DumpTimescale, ElstUsesTheMvhdUnderItsGreatGrandparent) {
     addBox(trak, moov);
     addBox(edts, trak);
     addBox(elst, edts);
-    EXPECT_EQ(dump(nullptr, elst), text(0, {"elst  size: 40",
-                                            "    version: 0  flags: 0",
-                                            "    entry_count: 2",
-                                            "    segment_duration[0]: 45000 (0:00:00.500)",
-                                            "    media_time      [0]: -1",
-                                            "    media_rate_integer [0]: 1",
-                                            "    media_rate_fraction[0]: 0",
-                                            "    segment_duration[1]: 5490009 (0:01:01.000)",
-                                            "    media_time      [1]: 1024",
-                                            "    media_rate_integer [1]: 1",
-                                            "    media_rate_fraction[1]: -2"}));
+    EXPECT_EQ(
+        dump(nullptr, elst),
+        text(0, {"elst  size: 40", "    version: 0  flags: 0", "    entry_count: 2",
+                 "    segment_duration[0]: 45000 (0:00:00.500)", "    media_time      [0]: -1",
+                 "    media_rate_integer [0]: 1", "    media_rate_fraction[0]: 0",
+                 "    segment_duration[1]: 5490009 (0:01:01.000)", "    media_time      [1]: 1024",
+                 "    media_rate_integer [1]: 1", "    media_rate_fraction[1]: -2"}));
     deleteBox(moov);
 }
 
@@ -289,8 +259,7 @@ TEST(DumpMovieBoxes, RecordBuiltOnTheStackIsPrintedWhole) {
     ftyp.major_brand = fourcc("qt  ");
     ftyp.minor_version = 0x20050300;
     ftyp.compatible_brands[0] = fourcc("qt  ");
-    EXPECT_EQ(dump(nullptr, &ftyp), text(0, {"ftyp  size: 20",
-                                             "    major_brand: 0x71742020 (qt  )",
+    EXPECT_EQ(dump(nullptr, &ftyp), text(0, {"ftyp  size: 20", "    major_brand: 0x71742020 (qt  )",
                                              "    minor_version: 20050300",
                                              "    compatible_brand[0]: 0x71742020 (qt  )"}));
 }
@@ -303,15 +272,13 @@ TEST(DumpMovieBoxes, FtypBrandsAreCountedFromTheBoxSize) {
     ftyp->compatible_brands[1] = fourcc("mp41");
     for (int i = 2; i < 6; i++)
         ftyp->compatible_brands[i] = fourcc("avc1");
-    EXPECT_EQ(dump(nullptr, ftyp), text(0, {"ftyp  size: 16",
-                                            "    major_brand: 0x69736f6d (isom)",
+    EXPECT_EQ(dump(nullptr, ftyp), text(0, {"ftyp  size: 16", "    major_brand: 0x69736f6d (isom)",
                                             "    minor_version: 200"}));
     ftyp->size = 24;
-    EXPECT_EQ(dump(nullptr, ftyp), text(0, {"ftyp  size: 24",
-                                            "    major_brand: 0x69736f6d (isom)",
-                                            "    minor_version: 200",
-                                            "    compatible_brand[0]: 0x69736f6d (isom)",
-                                            "    compatible_brand[1]: 0x6d703431 (mp41)"}));
+    EXPECT_EQ(dump(nullptr, ftyp),
+              text(0, {"ftyp  size: 24", "    major_brand: 0x69736f6d (isom)",
+                       "    minor_version: 200", "    compatible_brand[0]: 0x69736f6d (isom)",
+                       "    compatible_brand[1]: 0x6d703431 (mp41)"}));
     // More brands than the record holds: the six held ones only.
     ftyp->size = 100;
     std::vector<std::string> ls = lines(dump(nullptr, ftyp));
@@ -330,8 +297,8 @@ Hdlr *sampleHdlr(const char *name, uint32_t size) {
 
 TEST(DumpMovieBoxes, HdlrNameIsCutAtBoxSizeMinus32AndAtItsTerminator) {
     Hdlr *hdlr = sampleHdlr("VideoHandler", 45);
-    const std::string head = text(0, {"hdlr  size: 45", "    version: 0  flags: 0",
-                                      "    handler_type: 0x76696465 (vide)"});
+    const std::string head = text(
+        0, {"hdlr  size: 45", "    version: 0  flags: 0", "    handler_type: 0x76696465 (vide)"});
     EXPECT_EQ(dump(nullptr, hdlr), head + "    name: VideoHandler\n");
     hdlr->size = 40;
     EXPECT_NE(dump(nullptr, hdlr).find("    name: VideoHan\n"), std::string::npos);
@@ -358,9 +325,9 @@ TEST(DumpMovieBoxes, MediaHeaders) {
     vmhd->graphicsmode = 64;
     vmhd->opcolor[0] = 0x8000;
     vmhd->opcolor[2] = 7;
-    EXPECT_EQ(dump(nullptr, vmhd), text(0, {"vmhd  size: 20", "    version: 0  flags: 1",
-                                            "    graphicsmode: 64", "    opcolor[0]: 32768",
-                                            "    opcolor[1]: 0", "    opcolor[2]: 7"}));
+    EXPECT_EQ(dump(nullptr, vmhd),
+              text(0, {"vmhd  size: 20", "    version: 0  flags: 1", "    graphicsmode: 64",
+                       "    opcolor[0]: 32768", "    opcolor[1]: 0", "    opcolor[2]: 7"}));
     deleteBox(vmhd);
 
     auto *smhd = make<Smhd>(fourcc("smhd"), 16);
@@ -374,10 +341,10 @@ TEST(DumpMovieBoxes, MediaHeaders) {
     hmhd->avgPDUsize = 700;
     hmhd->maxbitrate = 4000000000u;
     hmhd->avgbitrate = 128000;
-    EXPECT_EQ(dump(nullptr, hmhd), text(0, {"hmhd  size: 28", "    version: 0  flags: 0",
-                                            "    maxPDUsize: 1500", "    avgPDUsize: 700",
-                                            "    maxbitrate: 4000000000",
-                                            "    avgbitrate: 128000"}));
+    EXPECT_EQ(
+        dump(nullptr, hmhd),
+        text(0, {"hmhd  size: 28", "    version: 0  flags: 0", "    maxPDUsize: 1500",
+                 "    avgPDUsize: 700", "    maxbitrate: 4000000000", "    avgbitrate: 128000"}));
     deleteBox(hmhd);
 
     auto *nmhd = make<FullBox>(fourcc("nmhd"), 12);
@@ -477,15 +444,15 @@ TEST(DumpSampleTables, CttsOffsetsAreSignedInVersion1AndInQuickTime) {
     ctts->entry_count = 1;
     ctts->entries = allocArray<CttsEntry>(1);
     ctts->entries[0] = {2, 0xFFFFFFFE};
-    const std::string head = text(0, {"ctts  size: 24", "    version: 0  flags: 0",
-                                      "    entry_count: 1"});
+    const std::string head =
+        text(0, {"ctts  size: 24", "    version: 0  flags: 0", "    entry_count: 1"});
     Handle mp4(mp4_writer_create()), mov(mov_writer_create());
     EXPECT_EQ(dump(mp4.m, ctts), head + "    sample[0] count: 2  offset: 4294967294\n");
     EXPECT_EQ(dump(mov.m, ctts), head + "    sample[0] count: 2  offset: -2\n");
     ctts->version = 1;
-    EXPECT_EQ(dump(mp4.m, ctts), text(0, {"ctts  size: 24", "    version: 1  flags: 0",
-                                          "    entry_count: 1",
-                                          "    sample[0] count: 2  offset: -2"}));
+    EXPECT_EQ(dump(mp4.m, ctts),
+              text(0, {"ctts  size: 24", "    version: 1  flags: 0", "    entry_count: 1",
+                       "    sample[0] count: 2  offset: -2"}));
     deleteBox(ctts);
 }
 
@@ -662,11 +629,11 @@ TEST(DumpSampleEntries, VisualLayoutUnderAVideoHandler) {
     e.entry->channelcount = 2; // audio fields are not part of this layout
     Handle h(mp4_reader_create());
     h.m->handler_type = fourcc("vide");
-    EXPECT_EQ(dump(h.m, e.entry),
-              text(0, {"avc1  size: 86", "    data_reference_index: 1", "    width: 160",
-                       "    height: 120", "    horizresolution: 72.00000",
-                       "    vertresolution: 72.50000", "    frame_count: 1",
-                       "    compressorname: Talvorin 4417", "    depth: 24"}));
+    EXPECT_EQ(
+        dump(h.m, e.entry),
+        text(0, {"avc1  size: 86", "    data_reference_index: 1", "    width: 160",
+                 "    height: 120", "    horizresolution: 72.00000", "    vertresolution: 72.50000",
+                 "    frame_count: 1", "    compressorname: Talvorin 4417", "    depth: 24"}));
     // A name filling all 32 bytes is not read past the field.
     memset(e.entry->compressorname, 'n', 32);
     EXPECT_NE(dump(h.m, e.entry).find("    compressorname: " + std::string(32, 'n') + "\n"),
@@ -688,20 +655,19 @@ TEST(DumpSampleEntries, AudioLayoutAddsFourFieldsForVersion1) {
     Handle h(mp4_reader_create());
     h.m->handler_type = fourcc("soun");
     const std::string v0 = text(0, {"mp4a  size: 36", "    data_reference_index: 1",
-                                    "    version: 0", "    channelcount: 2",
-                                    "    samplesize: 16", "    compressionID: 65534",
-                                    "    samplerate: 44100.00000"});
+                                    "    version: 0", "    channelcount: 2", "    samplesize: 16",
+                                    "    compressionID: 65534", "    samplerate: 44100.00000"});
     EXPECT_EQ(dump(h.m, e.entry), v0);
     e.entry->version = 2; // coded like version 0
     EXPECT_EQ(lines(dump(h.m, e.entry)).size(), 7u);
     e.entry->version = 1;
     e.entry->size = 52;
-    EXPECT_EQ(dump(h.m, e.entry),
-              text(0, {"mp4a  size: 52", "    data_reference_index: 1", "    version: 1",
-                       "    channelcount: 2", "    samplesize: 16", "    compressionID: 65534",
-                       "    samplerate: 44100.00000", "    samplesPerPacket: 1024",
-                       "    bytesPerPacket: 1536", "    bytesPerFrame: 6",
-                       "    bytesPerSample: 2"}));
+    EXPECT_EQ(
+        dump(h.m, e.entry),
+        text(0, {"mp4a  size: 52", "    data_reference_index: 1", "    version: 1",
+                 "    channelcount: 2", "    samplesize: 16", "    compressionID: 65534",
+                 "    samplerate: 44100.00000", "    samplesPerPacket: 1024",
+                 "    bytesPerPacket: 1536", "    bytesPerFrame: 6", "    bytesPerSample: 2"}));
 }
 
 TEST(DumpSampleEntries, HintAndSubpictureEntriesShowTheirDataSize) {
@@ -709,11 +675,11 @@ TEST(DumpSampleEntries, HintAndSubpictureEntriesShowTheirDataSize) {
     e.entry->data_reference_index = 1;
     Handle h(mp4_reader_create());
     h.m->handler_type = fourcc("subp");
-    EXPECT_EQ(dump(h.m, e.entry), text(0, {"mp4s  size: 52", "    data_reference_index: 1",
-                                           "    subp data size 44"}));
+    EXPECT_EQ(dump(h.m, e.entry),
+              text(0, {"mp4s  size: 52", "    data_reference_index: 1", "    subp data size 44"}));
     h.m->handler_type = fourcc("hint");
-    EXPECT_EQ(dump(h.m, e.entry), text(0, {"mp4s  size: 52", "    data_reference_index: 1",
-                                           "    hint data size 44"}));
+    EXPECT_EQ(dump(h.m, e.entry),
+              text(0, {"mp4s  size: 52", "    data_reference_index: 1", "    hint data size 44"}));
 }
 
 TEST(DumpSampleEntries, MetaTrackEntryPrintsThePlainNotSetLine) {
@@ -762,9 +728,9 @@ Box *headerOnly(uint32_t type, uint64_t size) {
 }
 
 TEST(DumpSampleEntries, HeaderOnlyNodesPrintOnlyTheirHeaderLine) {
-    for (uint32_t type : {fourcc("stsh"), fourcc("stdp"), fourcc("padb"), fourcc("vide"),
-                          fourcc("soun"), fourcc("hint"), fourcc("mvhd"), fourcc("trun"),
-                          fourcc("esds"), fourcc("mdat")}) {
+    for (uint32_t type :
+         {fourcc("stsh"), fourcc("stdp"), fourcc("padb"), fourcc("vide"), fourcc("soun"),
+          fourcc("hint"), fourcc("mvhd"), fourcc("trun"), fourcc("esds"), fourcc("mdat")}) {
         Box *b = headerOnly(type, 5000);
         Handle h(mp4_reader_create());
         h.m->sample_count = 100;
@@ -840,13 +806,13 @@ TEST(DumpCodecBoxes, BtrtFielAndChan) {
     const struct {
         uint8_t count, order;
         const char *a, *b;
-    } cases[] = {{1, 0, "fieldCount: 1 progressive", "fieldOrder: 0 one field"},
-                 {2, 1, "fieldCount: 2 interlaced", "fieldOrder: 1 top first"},
-                 {3, 6, "fieldCount: 3 unknown", "fieldOrder: 6 bottom first"},
-                 {0, 9, "fieldCount: 0 unknown", "fieldOrder: 9 top first, display bottom first"},
-                 {2, 14, "fieldCount: 2 interlaced",
-                  "fieldOrder: 14 bottom first, display top first"},
-                 {2, 2, "fieldCount: 2 interlaced", "fieldOrder: 2 unknown"}};
+    } cases[] = {
+        {1, 0, "fieldCount: 1 progressive", "fieldOrder: 0 one field"},
+        {2, 1, "fieldCount: 2 interlaced", "fieldOrder: 1 top first"},
+        {3, 6, "fieldCount: 3 unknown", "fieldOrder: 6 bottom first"},
+        {0, 9, "fieldCount: 0 unknown", "fieldOrder: 9 top first, display bottom first"},
+        {2, 14, "fieldCount: 2 interlaced", "fieldOrder: 14 bottom first, display top first"},
+        {2, 2, "fieldCount: 2 interlaced", "fieldOrder: 2 unknown"}};
     for (const auto &c : cases) {
         fiel->fieldCount = c.count;
         fiel->fieldOrder = c.order;
@@ -865,10 +831,10 @@ TEST(DumpCodecBoxes, BtrtFielAndChan) {
     const float coords[3] = {1.5f, -2.0f, 0.25f};
     memcpy(chan->descriptions[0].Coordinates, coords, sizeof coords);
     EXPECT_EQ(dump(nullptr, chan),
-              text(0, {"chan  size: 44", "    version: 0  flags: 0",
-                       "    ChannelLayoutTag: 650002", "    ChannelBitmap: 3",
-                       "    NumberChannelDescriptions: 1", "    ChannelLabel[0]: 1a",
-                       "    ChannelFlags[0]: 2", "    Coordinates [0]: (1.5, -2, 0.25)"}));
+              text(0, {"chan  size: 44", "    version: 0  flags: 0", "    ChannelLayoutTag: 650002",
+                       "    ChannelBitmap: 3", "    NumberChannelDescriptions: 1",
+                       "    ChannelLabel[0]: 1a", "    ChannelFlags[0]: 2",
+                       "    Coordinates [0]: (1.5, -2, 0.25)"}));
     deleteBox(chan);
 }
 
@@ -888,11 +854,11 @@ TEST(DumpFragments, MovieExtendsAndFragmentHeaders) {
     trex->default_sample_duration = 1024;
     trex->default_sample_size = 300;
     trex->default_sample_flags = 0x02000000;
-    EXPECT_EQ(dump(nullptr, trex),
-              text(0, {"trex  size: 32", "    version: 0  flags: 0", "    track_ID: 2",
-                       "    default_sample_description_index: 1",
-                       "    default_sample_duration: 1024", "    default_sample_size: 300",
-                       "    default_sample_flags: 33554432"}));
+    EXPECT_EQ(
+        dump(nullptr, trex),
+        text(0, {"trex  size: 32", "    version: 0  flags: 0", "    track_ID: 2",
+                 "    default_sample_description_index: 1", "    default_sample_duration: 1024",
+                 "    default_sample_size: 300", "    default_sample_flags: 33554432"}));
     deleteBox(trex);
 
     auto *mfhd = make<Mfhd>(fourcc("mfhd"), 16);
@@ -946,8 +912,7 @@ TEST(DumpFragments, TrunA05PrintsSizeAndCompositionOffsetForEverySample) {
                        "    data_offset: -8", "    first_sample_flags: 33554432",
                        "    sample_size[0]: 200", "    sample_composition_time_offset[0]: 0",
                        "    sample_size[1]: 201", "    sample_composition_time_offset[1]: 512",
-                       "    sample_size[2]: 202",
-                       "    sample_composition_time_offset[2]: 1024"}));
+                       "    sample_size[2]: 202", "    sample_composition_time_offset[2]: 1024"}));
     trun->flags = 0x000500; // duration and flags only, no data offset or first flags
     EXPECT_EQ(dump(nullptr, trun),
               text(0, {"trun  size: 44", "    version: 0  flags: 500", "    sample_count: 3",
@@ -967,13 +932,13 @@ TEST(DumpFragments, Tfra) {
     tfra->number_of_entry = 1;
     tfra->entries = allocArray<TfraEntry>(1);
     tfra->entries[0] = {0x100000000ull, 1234, 1, 2, 3};
-    EXPECT_EQ(dump(nullptr, tfra),
-              text(0, {"tfra  size: 39", "    version: 1  flags: 0", "    track_ID: 1",
-                       "    length_size_of_traf_num: 0", "    length_size_of_trun_num: 1",
-                       "    length_size_of_sample_num: 3", "    number_of_entry: 1",
-                       "    time[0]: 4294967296", "    moof_offset[0]: 1234",
-                       "    traf_number[0]: 1", "    trun_number[0]: 2",
-                       "    sample_number[0]: 3"}));
+    EXPECT_EQ(
+        dump(nullptr, tfra),
+        text(0, {"tfra  size: 39", "    version: 1  flags: 0", "    track_ID: 1",
+                 "    length_size_of_traf_num: 0", "    length_size_of_trun_num: 1",
+                 "    length_size_of_sample_num: 3", "    number_of_entry: 1",
+                 "    time[0]: 4294967296", "    moof_offset[0]: 1234", "    traf_number[0]: 1",
+                 "    trun_number[0]: 2", "    sample_number[0]: 3"}));
     deleteBox(tfra);
 }
 
@@ -1165,29 +1130,21 @@ TEST(DumpDescriptors, IodsPrintsTheInitialObjectDescriptorWithItsNestedEsDescrip
     od.audioProfileLevelIndication = 0x29;
     od.visualProfileLevelIndication = 0x7F;
     od.graphicsProfileLevelIndication = 0xFD;
-    const std::string head = text(0, {"iods  size: 33",
-                                      "    version: 0  flags: 0",
-                                      "    tag: 0x10  length: 7",
-                                      "    ObjectDescriptorID: 1",
-                                      "    URL_Flag: 0",
-                                      "    includeInlineProfileLevelFlag: 1",
-                                      "    ODProfileLevelIndication: 255",
-                                      "    sceneProfileLevelIndication: 254",
-                                      "    audioProfileLevelIndication: 41",
-                                      "    visualProfileLevelIndication: 127",
-                                      "    graphicsProfileLevelIndication: 253"});
+    const std::string head = text(
+        0, {"iods  size: 33", "    version: 0  flags: 0", "    tag: 0x10  length: 7",
+            "    ObjectDescriptorID: 1", "    URL_Flag: 0", "    includeInlineProfileLevelFlag: 1",
+            "    ODProfileLevelIndication: 255", "    sceneProfileLevelIndication: 254",
+            "    audioProfileLevelIndication: 41", "    visualProfileLevelIndication: 127",
+            "    graphicsProfileLevelIndication: 253"});
     EXPECT_EQ(dump(nullptr, iods), head + "    esDescr  length: 0\n");
 
     od.esDescr.tag = 3;
     od.esDescr.length = 3;
     od.esDescr.ES_ID = 5;
-    EXPECT_EQ(dump(nullptr, iods), head + text(4, {"esDescr  length: 3",
-                                                   "    tag: 0x3  length: 3",
-                                                   "    ES_id: 5",
-                                                   "    streamDependenceFlag: 0",
-                                                   "    URL_Flag: 0",
-                                                   "    OCRstreamFlag: 0",
-                                                   "    streamPriority: 0"}));
+    EXPECT_EQ(dump(nullptr, iods),
+              head + text(4, {"esDescr  length: 3", "    tag: 0x3  length: 3", "    ES_id: 5",
+                              "    streamDependenceFlag: 0", "    URL_Flag: 0",
+                              "    OCRstreamFlag: 0", "    streamPriority: 0"}));
     // A nested descriptor under another tag has no printable layout for this record.
     od.esDescr.tag = 0x0E;
     EXPECT_EQ(dump(nullptr, iods), head + "    esDescr  length: 3\n");
@@ -1203,13 +1160,13 @@ TEST(DumpDescriptors, ObjectDescriptorTagsAndUrlForm) {
     od.includeInlineProfileLevelFlag = 1;
     od.URLlength = 10;
     // Tag 1 has no includeInlineProfileLevelFlag; the URL bytes are not held.
-    EXPECT_EQ(dumpDescriptor(1, &od), text(0, {"tag: 0x1  length: 4", "ObjectDescriptorID: 1023",
-                                               "URL_Flag: 1", "URLlength: 10", "URLstring: ",
-                                               "esDescr  length: 0"}));
-    EXPECT_EQ(dumpDescriptor(2, &od), text(0, {"tag: 0x1  length: 4", "ObjectDescriptorID: 1023",
-                                               "URL_Flag: 1", "includeInlineProfileLevelFlag: 1",
-                                               "URLlength: 10", "URLstring: ",
-                                               "esDescr  length: 0"}));
+    EXPECT_EQ(dumpDescriptor(1, &od),
+              text(0, {"tag: 0x1  length: 4", "ObjectDescriptorID: 1023", "URL_Flag: 1",
+                       "URLlength: 10", "URLstring: ", "esDescr  length: 0"}));
+    EXPECT_EQ(dumpDescriptor(2, &od),
+              text(0, {"tag: 0x1  length: 4", "ObjectDescriptorID: 1023", "URL_Flag: 1",
+                       "includeInlineProfileLevelFlag: 1", "URLlength: 10",
+                       "URLstring: ", "esDescr  length: 0"}));
 }
 
 TEST(DumpDescriptors, TagsWithoutLayoutPrintNothing) {
@@ -1436,7 +1393,9 @@ TEST(DumpThroughCodec, DebugOffPrintsNothing) {
 const char *const kFixtures[] = {"h264_aac.mp4", "h264_aac.mov", "frag.mp4", "mp4v.mp4",
                                  "pcm_s16le.mov"};
 
-std::string fixturePath(const std::string &name) { return std::string(TEST_DATA_DIR) + "/" + name; }
+std::string fixturePath(const std::string &name) {
+    return std::string(TEST_DATA_DIR) + "/" + name;
+}
 
 std::string readText(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
@@ -1487,9 +1446,9 @@ TEST(DumpGolden, FixturesDumpAsTheReviewedListings) {
         size_t i = 0;
         while (i < a.size() && i < b.size() && a[i] == b[i])
             i++;
-        ADD_FAILURE() << name << ": line " << i + 1 << "\n  got:      "
-                      << (i < a.size() ? a[i] : "<end>") << "\n  expected: "
-                      << (i < b.size() ? b[i] : "<end>");
+        ADD_FAILURE() << name << ": line " << i + 1
+                      << "\n  got:      " << (i < a.size() ? a[i] : "<end>")
+                      << "\n  expected: " << (i < b.size() ? b[i] : "<end>");
     }
 }
 
@@ -1502,24 +1461,53 @@ std::vector<uint8_t> recordBytes(const Box *b) {
     if (b->alloc_size < recordSize(b->type))
         return v; // header only
     switch (b->type) {
-    case fourcc("stts"): reinterpret_cast<Stts *>(c)->entries = nullptr; break;
-    case fourcc("ctts"): reinterpret_cast<Ctts *>(c)->entries = nullptr; break;
-    case fourcc("stss"): reinterpret_cast<Stss *>(c)->entries = nullptr; break;
-    case fourcc("stsz"): reinterpret_cast<Stsz *>(c)->entries = nullptr; break;
-    case fourcc("stz2"): reinterpret_cast<Stz2 *>(c)->entries = nullptr; break;
-    case fourcc("stsc"): reinterpret_cast<Stsc *>(c)->entries = nullptr; break;
-    case fourcc("stco"): reinterpret_cast<Stco *>(c)->entries = nullptr; break;
-    case fourcc("co64"): reinterpret_cast<Co64 *>(c)->entries = nullptr; break;
-    case fourcc("elst"): reinterpret_cast<Elst *>(c)->entries = nullptr; break;
-    case fourcc("hdlr"): reinterpret_cast<Hdlr *>(c)->name = nullptr; break;
+    case fourcc("stts"):
+        reinterpret_cast<Stts *>(c)->entries = nullptr;
+        break;
+    case fourcc("ctts"):
+        reinterpret_cast<Ctts *>(c)->entries = nullptr;
+        break;
+    case fourcc("stss"):
+        reinterpret_cast<Stss *>(c)->entries = nullptr;
+        break;
+    case fourcc("stsz"):
+        reinterpret_cast<Stsz *>(c)->entries = nullptr;
+        break;
+    case fourcc("stz2"):
+        reinterpret_cast<Stz2 *>(c)->entries = nullptr;
+        break;
+    case fourcc("stsc"):
+        reinterpret_cast<Stsc *>(c)->entries = nullptr;
+        break;
+    case fourcc("stco"):
+        reinterpret_cast<Stco *>(c)->entries = nullptr;
+        break;
+    case fourcc("co64"):
+        reinterpret_cast<Co64 *>(c)->entries = nullptr;
+        break;
+    case fourcc("elst"):
+        reinterpret_cast<Elst *>(c)->entries = nullptr;
+        break;
+    case fourcc("hdlr"):
+        reinterpret_cast<Hdlr *>(c)->name = nullptr;
+        break;
     case fourcc("mdat"):
     case fourcc("free"):
     case fourcc("skip"):
-    case fourcc("wide"): reinterpret_cast<DataBox *>(c)->data = nullptr; break;
-    case fourcc("chan"): reinterpret_cast<Chan *>(c)->descriptions = nullptr; break;
-    case fourcc("trun"): reinterpret_cast<Trun *>(c)->samples = nullptr; break;
-    case fourcc("tfra"): reinterpret_cast<Tfra *>(c)->entries = nullptr; break;
-    default: break;
+    case fourcc("wide"):
+        reinterpret_cast<DataBox *>(c)->data = nullptr;
+        break;
+    case fourcc("chan"):
+        reinterpret_cast<Chan *>(c)->descriptions = nullptr;
+        break;
+    case fourcc("trun"):
+        reinterpret_cast<Trun *>(c)->samples = nullptr;
+        break;
+    case fourcc("tfra"):
+        reinterpret_cast<Tfra *>(c)->entries = nullptr;
+        break;
+    default:
+        break;
     }
     return v;
 }
@@ -1615,6 +1603,57 @@ TEST(DumpSideEffects, PrintingAReadTreeChangesNoRecordAndNoStreamState) {
     }
 }
 
+// Corrupted movie headers, dumped while read: every record the codec accepts, however odd its
+// counts and lengths, is printed without reading outside what it holds (the sanitizers watch).
+TEST(DumpSideEffects, CorruptMovieHeadersDumpSafely) {
+    for (const char *name : kFixtures) {
+        SCOPED_TRACE(name);
+        std::string file = readText(fixturePath(name));
+        // Find the moov among the top-level boxes.
+        size_t moov = 0, moov_size = 0;
+        for (size_t at = 0; at + 8 <= file.size();) {
+            uint32_t size = uint32_t(uint8_t(file[at])) << 24 |
+                            uint32_t(uint8_t(file[at + 1])) << 16 |
+                            uint32_t(uint8_t(file[at + 2])) << 8 | uint8_t(file[at + 3]);
+            if (file.compare(at + 4, 4, "moov") == 0) {
+                moov = at;
+                moov_size = size;
+                break;
+            }
+            if (size < 8)
+                break;
+            at += size;
+        }
+        ASSERT_GT(moov_size, 0u);
+        uint32_t seed = 12345;
+        for (int round = 0; round < 150; round++) {
+            std::vector<uint8_t> bytes(file.begin(), file.end());
+            for (int k = 0; k < 4; k++) {
+                seed = seed * 1103515245u + 12345u;
+                size_t at = moov + 8 + (seed >> 8) % (moov_size - 12);
+                if (k == 0) // a count or length blown up
+                    memset(&bytes[at], 0xFF, 4);
+                else
+                    bytes[at] = uint8_t(seed >> 24);
+            }
+            Handle h(mp4_reader_create());
+            mp4_buf_put(h.m, bytes.data(), uint32_t(bytes.size()));
+            mp4_debug(h.m, 1);
+            testing::internal::CaptureStderr();
+            (void)captured([&] {
+                for (int n = 0; n < 64; n++) {
+                    Box *b = rwBox(h.m, nullptr);
+                    if (!b)
+                        break;
+                    deleteBox(b);
+                }
+            });
+            (void)testing::internal::GetCapturedStderr();
+            mp4_buf_get(h.m);
+        }
+    }
+}
+
 // ---- the command-line tool -------------------------------------------------------------------
 
 // Runs a shell command; returns its exit status and fills `out` with its standard output.
@@ -1630,19 +1669,19 @@ int runCommand(const std::string &command, std::string &out) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-const char *tool() { return getenv("MP4KIT_TOOL"); }
+const char *tool() {
+    return getenv("MP4KIT_TOOL");
+}
 
 TEST(DumpTool, PrintsTheSameListingAsTheLibrary) {
     if (!tool())
         GTEST_SKIP() << "MP4KIT_TOOL not set (run through ctest)";
     for (const char *name : kFixtures) {
         std::string out;
-        EXPECT_EQ(runCommand(std::string("'") + tool() + "' dump '" + fixturePath(name) + "'",
-                             out),
+        EXPECT_EQ(runCommand(std::string("'") + tool() + "' dump '" + fixturePath(name) + "'", out),
                   0)
             << name;
-        EXPECT_TRUE(out == readText(fixturePath("golden/" + std::string(name) + ".dump")))
-            << name;
+        EXPECT_TRUE(out == readText(fixturePath("golden/" + std::string(name) + ".dump"))) << name;
     }
 }
 

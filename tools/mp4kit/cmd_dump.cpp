@@ -50,4 +50,5 @@ static int run(int argc, char **argv) {
     return status;
 }
 
-static CommandRegistrar reg({"dump", "dump FILE  (print every box of FILE as an indented tree)", run});
+static CommandRegistrar reg({"dump", "dump FILE  (print every box of FILE as an indented tree)",
+                             run});
