@@ -468,6 +468,25 @@ TEST(CodecChildren, ContainerRoundTripsByteExact) {
     deleteBox(b);
 }
 
+TEST(CodecChildren, DebugDumpIndentsChildrenByFour) {
+    Bytes in = box("moov", box("trak", box("abcd", Bytes(4, 0))));
+    MemReader r(in);
+    r.m->flags |= MP4_DEBUG;
+    testing::internal::CaptureStdout();
+    Box *b = r.read();
+    std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_NE(b, nullptr);
+    const size_t moov = out.find("moov  size: 28\n");
+    const size_t trak = out.find("\n    trak  size: 20\n");
+    const size_t abcd = out.find("\n        abcd  size: 12\n");
+    EXPECT_EQ(moov, 0u) << out;
+    EXPECT_NE(trak, std::string::npos) << out;
+    EXPECT_NE(abcd, std::string::npos) << out;
+    EXPECT_LT(trak, abcd) << "each box is printed before its children";
+    EXPECT_EQ(indent, 0);
+    deleteBox(b);
+}
+
 TEST(CodecChildren, IndentRestoredAfterEveryExit) {
     indent = 0;
     {
