@@ -11,13 +11,23 @@ SAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 
 FORMAT_DIRS := src include tests tools
 
-.PHONY: all build test test-build test-asan clean format fuzz bench
+.PHONY: all build test test-build test-asan clean format fuzz bench demo
 
 all: build
 
 build:
 	$(CMAKE) -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release
 	$(CMAKE) --build $(BUILD_DIR) -j$(JOBS)
+
+# Records demo.mp4 and demo.mov from the bundled H.264 and AAC sample streams with the tool.
+DEMO_VIDEO := tests/data/sample.h264
+DEMO_AUDIO := tests/data/sample.aac
+
+demo:
+	$(CMAKE) -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release
+	$(CMAKE) --build $(BUILD_DIR) -j$(JOBS) --target mp4kit_tool
+	$(BUILD_DIR)/mp4kit record -o demo.mp4 --h264 $(DEMO_VIDEO) --aac $(DEMO_AUDIO)
+	$(BUILD_DIR)/mp4kit record -o demo.mov --h264 $(DEMO_VIDEO) --aac $(DEMO_AUDIO)
 
 # Plain build with warnings as errors, then the same suites under ASan+UBSan.
 # The sanitizer run goes last so its CTest summary closes the output.
