@@ -170,6 +170,26 @@ TEST_P(Recording, H264AndPcm) {
     EXPECT_TRUE(test_util::readFile(raw) == pcm);
 }
 
+TEST_P(Recording, InterleavedWithTheMovieKeptAtTheStart) {
+    std::string out = dir.file("i" + ext());
+    record("-o " + test_util::quote(out) + " --h264 " + data("sample.h264") + " --aac " +
+           data("sample.aac") + " --interleave 48000 --moov-at-start 1 --update 1");
+    check(out, {kH264, kAac});
+    Bytes file = test_util::readFile(out);
+    EXPECT_EQ(test_util::topLevel(file),
+              (std::vector<std::string>{"ftyp", "moov", ext() == ".mov" ? "wide" : "free", "mdat"}));
+    // One audio chunk per second of audio, the interleaver's bursts: after 1 s, after 2 s, and
+    // after 3 s joined by the last frame, flushed at the finish with no video in between.
+    Bytes stco = test_util::boxBytes(file, "moov/trak#2/mdia/minf/stbl/stco");
+    ASSERT_GE(stco.size(), 16u);
+    EXPECT_EQ(test_util::be32(&stco[12]), 3u);
+    Bytes stsc = test_util::boxBytes(file, "moov/trak#2/mdia/minf/stbl/stsc");
+    ASSERT_EQ(stsc.size(), 16u + 2 * 12);
+    EXPECT_EQ(test_util::be32(&stsc[20]), 47u); // chunks 1-2: 47 frames each
+    EXPECT_EQ(test_util::be32(&stsc[28]), 3u);  // chunk 3: the other 48
+    EXPECT_EQ(test_util::be32(&stsc[32]), 48u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Flavours, Recording, testing::Values(".mp4", ".mov"),
                          [](const testing::TestParamInfo<const char *> &info) {
                              return std::string(info.param + 1);
@@ -219,6 +239,8 @@ TEST_F(RecordTool, IncompleteOptionsAreRefused) {
     EXPECT_NE(run("-o x.mp4 --h264 a --mp4v b", &out), 0);
     EXPECT_NE(run("-o x.mp4 --fps 0 --h264 a", &out), 0);
     EXPECT_NE(out.find("bad --fps"), std::string::npos) << out;
+    EXPECT_NE(run("-o x.mp4 --aac a --update 5", &out), 0);
+    EXPECT_NE(out.find("--update goes with --moov-at-start"), std::string::npos) << out;
     EXPECT_NE(run("-o x.mp4 --bogus", &out), 0);
     EXPECT_NE(out.find("unknown option --bogus"), std::string::npos) << out;
 }

@@ -21,11 +21,13 @@ namespace {
 
 const char *const usage_line =
     "record -o OUT(.mp4|.mov) [--h264 FILE | --mp4v FILE] [--aac FILE | --pcm FILE --rate HZ "
-    "--channels N] [--fps N] [--size WxH]  (record elementary streams into a movie file)";
+    "--channels N] [--fps N] [--size WxH] [--interleave TICKS] [--moov-at-start MINUTES "
+    "--update SECONDS]  (record elementary streams into a movie file)";
 
 struct Options {
     std::string out, h264, mp4v, aac, pcm;
     uint32_t rate = 0, channels = 0, fps = 25, width = 0, height = 0;
+    uint32_t interleave = 0, moov_minutes = 0, update_seconds = 0;
 };
 
 int fail(const std::string &message) {
@@ -85,6 +87,18 @@ int parseOptions(int argc, char **argv, Options *o) {
         } else if (arg == "--fps") {
             if (!need("a frame rate") || !parseNumber(value, 1, 1000, &o->fps))
                 return value ? fail(std::string("bad --fps: ") + value), 2 : 2;
+        } else if (arg == "--interleave") {
+            if (!need("a period in audio ticks") ||
+                !parseNumber(value, 1, UINT32_MAX, &o->interleave))
+                return value ? fail(std::string("bad --interleave: ") + value), 2 : 2;
+        } else if (arg == "--moov-at-start") {
+            if (!need("a length in minutes") ||
+                !parseNumber(value, 1, 100000, &o->moov_minutes))
+                return value ? fail(std::string("bad --moov-at-start: ") + value), 2 : 2;
+        } else if (arg == "--update") {
+            if (!need("an interval in seconds") ||
+                !parseNumber(value, 1, 47721, &o->update_seconds))
+                return value ? fail(std::string("bad --update: ") + value), 2 : 2;
         } else if (arg == "--size") {
             if (!need("WxH") || !parseSize(value, &o->width, &o->height))
                 return value ? fail(std::string("bad --size (WxH expected): ") + value), 2 : 2;
@@ -104,6 +118,8 @@ int parseOptions(int argc, char **argv, Options *o) {
         return fail("nothing to record: give a video and/or an audio stream"), 2;
     if (!o->pcm.empty() && (!o->rate || !o->channels))
         return fail("--pcm needs --rate HZ and --channels N"), 2;
+    if (o->update_seconds && !o->moov_minutes)
+        return fail("--update goes with --moov-at-start MINUTES"), 2;
     return 0;
 }
 
@@ -235,6 +251,10 @@ int run(int argc, char **argv) {
         mp4_delete(m);
         return fail("cannot open " + o.out + " for writing: " + strerror(errno));
     }
+    if (o.interleave)
+        mp4_interleave_duration(m, o.interleave);
+    if (o.moov_minutes)
+        mp4_set_moov_max_duration(m, o.moov_minutes, o.update_seconds ? o.update_seconds : 10);
     if (video_type)
         video.track = mp4_video_track_create(m, video_type, 90000, frame_ticks, 0, width, height,
                                              profile, level);
