@@ -66,17 +66,23 @@ void track_interleave(mp4_muxer *m, uint32_t id, const uint8_t *data, uint32_t s
     if (!m->tracks || id == 0 || id >= m->next_track_id || m->interleave_duration == 0)
         return;
     mp4_track *t = &m->tracks[id - 1];
-    while (t->timestamp >= m->interleave_time) {
+    if (t->timestamp >= m->interleave_time) {
+        // The deadline moves past the track's time in whole periods. Only the first step can
+        // find samples to write, so the steps are taken at once: a long sample over a short
+        // period costs one division, not a loop per period.
         write_interleaved_track(m, id);
-        m->interleave_time += m->interleave_duration;
+        const uint64_t behind = t->timestamp - m->interleave_time;
+        m->interleave_time += m->interleave_duration * (behind / m->interleave_duration + 1);
     }
     t->timestamp += duration;
 
     uint64_t place = held_end(m);
-    if (place + size > m->interleave_size) {
+    // An empty sample still needs a buffer to point into, or its duration would be lost.
+    if (place + size > m->interleave_size || !m->interleave_buffer) {
         uint64_t want = m->interleave_size;
-        while (want < place + size)
+        do
             want += 0x10000;
+        while (want < place + size);
         void *p = want <= 0xFFFFFFFFull ? mp4_realloc(m->interleave_buffer, size_t(want)) : nullptr;
         if (!p) {
             fprintf(stderr, "%s: failed to reallocate interleave buffer\n", "track_interleave");
@@ -108,6 +114,9 @@ void write_interleaved_track(mp4_muxer *m, uint32_t id) {
     mp4_track *t = &m->tracks[id - 1];
     if (t->sample_count == 0)
         return;
+    // A burst is a chunk of its own even when nothing was written since the last one (audio
+    // without video): the period's samples stay together and apart from the next period's.
+    m->flags |= MP4_NEW_CHUNK;
     for (uint32_t i = 0; i < t->sample_count; i++) {
         const mp4_sample &s = t->samples[i];
         mp4_write_track(m, id, m->interleave_buffer + s.offset, s.size, s.duration);
