@@ -393,6 +393,65 @@ TEST(ReaderFragmentStream, EveryMdatPayloadArrivesInPlaceWhateverThePieceSize) {
     }
 }
 
+// The library's own fragment writer (through the refragmenting remuxer) lays out every sample
+// in its own mdat, with a moof after each group. Received buffer by buffer, each payload must
+// be the bytes of the sample the plain reader plays at that place, with its decode time.
+TEST(ReaderFragmentStream, FollowsTheLibrarysOwnFragmentedOutput) {
+    std::string path = fixture("h264_aac.mp4");
+    auto original = readFile(path);
+    FileReader plain(path);
+    plain.playAll();
+    ASSERT_GT(plain.got.size(), 100u);
+
+    mp4_muxer *h = mp4_refrag_create();
+    mp4_file_name_ascii(h, path.c_str());
+    ASSERT_EQ(mp4_is_fragmented(h), 0);
+    std::vector<uint8_t> stream, buffer(1 << 20);
+    for (int rounds = 0; rounds < 100000; rounds++) {
+        mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+        mp4_remux(h);
+        uint32_t n = mp4_buf_get(h);
+        ASSERT_EQ(mp4_get_error_code(h), 0u);
+        if (n == 0)
+            break;
+        stream.insert(stream.end(), buffer.begin(), buffer.begin() + n);
+    }
+    mp4_delete(h);
+    ASSERT_FALSE(stream.empty());
+
+    // The remuxer also copies the audio the plain reader leaves out after the last video
+    // sample; those come last.
+    size_t total = 0;
+    for (Box *trak = getChild(plain.m->moov, fourcc("trak")); trak; trak = trak->next) {
+        Box *stbl =
+            getChild(getChild(getChild(trak, fourcc("mdia")), fourcc("minf")), fourcc("stbl"));
+        if (Box *stsz = getChild(stbl, fourcc("stsz")))
+            total += static_cast<Stsz *>(stsz)->sample_count;
+    }
+    for (size_t piece : {size_t(1000), size_t(7), stream.size()}) {
+        SCOPED_TRACE(piece);
+        size_t i = 0;
+        receive(stream, piece, [&](mp4_muxer *m) {
+            if (i < plain.got.size()) {
+                const Delivery &d = plain.got[i];
+                EXPECT_EQ(mp4_get_timestamp(m, int(d.track)), uint32_t(d.timestamp))
+                    << "sample " << i << " " << d;
+            }
+            i++;
+        });
+        EXPECT_EQ(i, total);
+    }
+    // The payloads themselves, in order.
+    auto seen = receive(stream, stream.size(), [](mp4_muxer *) {});
+    ASSERT_EQ(seen.size(), total);
+    for (size_t i = 0; i < plain.got.size(); i++) {
+        const Delivery &d = plain.got[i];
+        ASSERT_EQ(seen[i].length, d.size) << i;
+        ASSERT_EQ(memcmp(stream.data() + seen[i].offset, original.data() + d.offset, d.size), 0)
+            << "sample " << i;
+    }
+}
+
 // ---- damaged files -----------------------------------------------------------------------------
 
 // Library messages about the damage would flood the test log; they are sent to /dev/null while
