@@ -623,4 +623,116 @@ TEST(ReaderDamage, TruncatedFilesThroughTheFileBackEnds) {
     unlink(path);
 }
 
+// ---- the command-line tool -------------------------------------------------------------------
+
+std::string runTool(const std::string &args) {
+    const char *tool = getenv("MP4KIT_TOOL");
+    std::string out;
+    if (!tool)
+        return out;
+    FILE *p = popen((std::string(tool) + " " + args).c_str(), "r");
+    if (!p)
+        return out;
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        out.append(buf, n);
+    pclose(p);
+    return out;
+}
+
+std::vector<Delivery> parseSamples(const std::string &text) {
+    std::vector<Delivery> out;
+    const char *p = text.c_str();
+    Delivery d;
+    unsigned long long offset, timestamp;
+    int used = 0;
+    while (sscanf(p, "%u %llu %llu %u %u\n%n", &d.track, &offset, &timestamp, &d.size, &d.flags,
+                  &used) == 5) {
+        d.offset = offset;
+        d.timestamp = timestamp;
+        out.push_back(d);
+        p += used;
+    }
+    EXPECT_EQ(*p, '\0') << "every line is a sample line";
+    return out;
+}
+
+TEST(ReaderTool, SamplesListsWhatThePlayerDelivers) {
+    if (!getenv("MP4KIT_TOOL"))
+        GTEST_SKIP() << "MP4KIT_TOOL not set (run through ctest)";
+    std::string path = fixture("h264_aac_default_ts.mp4");
+    {
+        FileReader r(path, true);
+        r.playAll();
+        EXPECT_EQ(parseSamples(runTool("samples '" + path + "'")), r.got);
+    }
+    {
+        FileReader r(path, true);
+        r.playAll();
+        r.got.clear();
+        r.reverseAll();
+        EXPECT_EQ(parseSamples(runTool("samples '" + path + "' --reverse")), r.got);
+    }
+    {
+        FileReader r(path, true);
+        ASSERT_EQ(mp4_seek(r.m, 16000), 0);
+        r.playAll();
+        auto listed = parseSamples(runTool("samples --seek 16000 '" + path + "'"));
+        EXPECT_EQ(listed, r.got);
+        ASSERT_FALSE(listed.empty());
+        EXPECT_EQ(listed[0].timestamp, 30u * 512) << "the key frame at 1 s, before 16000";
+    }
+    EXPECT_EQ(runTool("samples 2>&1"), "usage: mp4kit samples FILE [--reverse] [--seek TIME]\n");
+    EXPECT_EQ(runTool("samples --seek x '" + path + "' 2>&1"),
+              "mp4kit samples: --seek needs a decode time (video timescale)\n");
+}
+
+TEST(ReaderTool, InfoDescribesPlainAndFragmentedMovies) {
+    if (!getenv("MP4KIT_TOOL"))
+        GTEST_SKIP() << "MP4KIT_TOOL not set (run through ctest)";
+    std::string plain = fixture("h264_aac.mp4");
+    std::string text = runTool("info '" + plain + "'");
+    EXPECT_NE(text.find(": plain movie, timescale 1000, duration 2000 (2.000 s), 2 tracks\n"),
+              std::string::npos)
+        << text;
+    // Sizes and counts: the sums of the sample tables, as the player reports them.
+    FileReader r(plain);
+    r.playAll();
+    uint64_t video_bytes = 0;
+    for (auto &d : r.got)
+        if (d.track == 1)
+            video_bytes += d.size;
+    char line[200];
+    snprintf(line, sizeof line,
+             "track 1: vide avc1 160x120, timescale 48000, duration 96000 (2.000 s), 60 samples, "
+             "%lu bytes\n",
+             (unsigned long)video_bytes);
+    EXPECT_NE(text.find(line), std::string::npos) << text;
+    EXPECT_NE(text.find("track 2: soun mp4a 48000 Hz 2 ch, timescale 48000, "), std::string::npos)
+        << text;
+    EXPECT_NE(text.find(", 95 samples, "), std::string::npos) << text;
+
+    std::string frag = fixture("frag.mp4");
+    text = runTool("info '" + frag + "'");
+    EXPECT_NE(text.find(": fragmented movie (4 fragments)"), std::string::npos) << text;
+    // Every sample lies in one of the mdats: the two tracks' bytes add up to their payloads.
+    auto data = readFile(frag);
+    uint64_t payload = 0;
+    for (auto &b : topLevel(data))
+        if (b.type == fourcc("mdat"))
+            payload += b.end - b.payload;
+    unsigned long n1 = 0, b1 = 0, n2 = 0, b2 = 0;
+    const char *t1 = strstr(text.c_str(), "track 1: vide avc1 160x120");
+    const char *t2 = strstr(text.c_str(), "track 2: soun mp4a 48000 Hz 2 ch");
+    ASSERT_TRUE(t1 && t2) << text;
+    ASSERT_EQ(sscanf(strstr(t1, " s), ") + 5, "%lu samples, %lu bytes", &n1, &b1), 2);
+    ASSERT_EQ(sscanf(strstr(t2, " s), ") + 5, "%lu samples, %lu bytes", &n2, &b2), 2);
+    EXPECT_EQ(n1, 60u);
+    EXPECT_EQ(n2, 95u);
+    EXPECT_EQ(b1 + b2, payload);
+    EXPECT_EQ(runTool("info /nonexistent/file.mp4 2>&1"),
+              "mp4kit info: /nonexistent/file.mp4: file open failed\n");
+}
+
 } // namespace
