@@ -977,6 +977,27 @@ void addTrex(Box *moov, uint32_t id, uint32_t duration) {
     add(mvex, trex);
 }
 
+TEST(ReaderLoad, ATrackArrayThatCannotBeAllocatedFailsWithError2) {
+    Reader r(buildMoov({mixedVideo()}));
+    mp4_alloc_fail_after(0);
+    int result = mp4_play(r.m);
+    mp4_alloc_fail_after(-1);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(r.m->tracks, nullptr);
+    EXPECT_EQ(mp4_get_error_code(r.m), 2u);
+    mp4_set_error(r.m, 0);
+    EXPECT_EQ(mp4_play(r.m), 0) << "a later call loads the tracks";
+
+    mp4_muxer *m = mp4_reader_create();
+    m->moov = fragmentMoov(3);
+    mp4_alloc_fail_after(0);
+    std::string out = captureStdout([&] { init_timestamps(m); });
+    mp4_alloc_fail_after(-1);
+    EXPECT_EQ(out, "init_timestamps: failed to alloc mux->track for 2 tracks\n");
+    EXPECT_EQ(m->tracks, nullptr);
+    mp4_delete(m);
+}
+
 TEST(ReaderFragments, InitTimestampsTakesEmptyEditsAndTrexDefaults) {
     Box *moov = fragmentMoov(6);
     addEditedTrak(moov, 1, -1, 1500);             // empty edit: start delay
