@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -53,23 +54,49 @@ void detach(Box *b) {
     b->next = nullptr;
 }
 
-// Removes every box that claims to reach beyond its parent's end. Such a node cannot have been
-// read from the bytes it claims (the codec skips unknown content with a seek), and writing it
-// back would seek the output forward by whatever the input declared. Eight bytes of slack cover
-// a 64-bit header, whose length the node does not record.
-void prune_overreaching(Box *parent, int depth) {
+bool is_container(uint32_t type) {
+    switch (type) {
+    case fourcc("dinf"):
+    case fourcc("edts"):
+    case fourcc("mdia"):
+    case fourcc("minf"):
+    case fourcc("moof"):
+    case fourcc("moov"):
+    case fourcc("mvex"):
+    case fourcc("rmda"):
+    case fourcc("rmra"):
+    case fourcc("stbl"):
+    case fourcc("traf"):
+    case fourcc("trak"):
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Prepares a movie tree read from input for being written back.
+// - A box that claims to reach beyond its parent's end cannot hold what it claims, and writing
+//   it back would move the output forward by whatever the input declared. It is unlinked
+//   without touching any size: its claim cannot be subtracted safely. Eight bytes of slack cover
+//   a 64-bit header, whose length the node does not record.
+// - A box the codec did not decode holds only its header: written back, its content would
+//   become zeros, so it goes, and its ancestors shrink by its size (which fits in them).
+void prepare_for_writing(Box *parent, int depth) {
     if (depth > 32)
         return;
-    uint64_t parent_end = parent->data_pos - header_size(parent) + parent->size;
+    uint64_t parent_start = parent->data_pos - header_size(parent);
+    uint64_t parent_end = parent_start + parent->size;
     for (Box *c = parent->first_child; c;) {
         Box *next = c->next;
         uint64_t start = c->data_pos - header_size(c);
-        if (c->size < 8 || start < parent->data_pos - header_size(parent) ||
-            start + c->size < start || start + c->size > parent_end + 8) {
+        if (c->size < 8 || start < parent_start || start + c->size < start ||
+            start + c->size > parent_end + 8) {
             detach(c);
             deleteBox(c);
+        } else if (!is_container(c->type) && c->alloc_size < recordSize(c->type)) {
+            deleteBox(c);
         } else {
-            prune_overreaching(c, depth + 1);
+            prepare_for_writing(c, depth + 1);
         }
         c = next;
     }
@@ -85,12 +112,12 @@ uint64_t input_size(mp4_muxer *r) {
 }
 
 // A movie tree taken from input is written back by the remuxers; it must not claim more bytes
-// than the input holds, nor hold children that reach outside their parents.
+// than the input holds, and is prepared as above. False when it is implausible.
 bool plausible_movie(mp4_muxer *src, Box *moov) {
     uint64_t limit = input_size(src);
     if (limit && moov->size > limit)
         return false;
-    prune_overreaching(moov, 0);
+    prepare_for_writing(moov, 0);
     return true;
 }
 
@@ -452,8 +479,8 @@ void defrag(mp4_muxer *m) {
 
 namespace {
 
-// Shrinks a box (and its ancestors by the same amount) to `size` bytes, when every ancestor is
-// large enough for that to be consistent.
+// Shrinks a box, and its ancestors by the same amount, to `size` bytes; nothing is changed
+// unless every ancestor is large enough for that to stay consistent.
 void shrink_box(Box *box, uint64_t size) {
     if (!box || box->size <= size)
         return;
@@ -790,6 +817,25 @@ void refrag(mp4_muxer *m) {
         mp4_write_frag_header(m);
 }
 
+namespace {
+
+// The movie is the last box of the output, and a box read from input may end in bytes that are
+// passed over rather than written (a gap the codec leaves when a box comes out shorter than it
+// was declared). A file does not grow by a seek, so it is extended to the position explicitly:
+// otherwise it would end before the movie does.
+void extend_to_position(mp4_muxer *w) {
+    uint64_t end = muxer_pos(w);
+    flush_output(w);
+    for (int fd : {w->fd, w->fp ? fileno(w->fp) : -1, w->fp2 ? fileno(w->fp2) : -1}) {
+        struct stat st;
+        if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && uint64_t(st.st_size) < end)
+            if (ftruncate64(fd, off64_t(end)) != 0)
+                w->error = MP4_ERR_WRITE;
+    }
+}
+
+} // namespace
+
 // ---- handles and dispatch --------------------------------------------------------------------
 
 extern "C" mp4_muxer *mp4_remuxer_create(void) {
@@ -853,6 +899,7 @@ void finish_remux_output(mp4_muxer *m) {
             if (updateMovieDurations(w->moov))
                 w->error = MP4_ERR_NOMEM;
             rwBox(w, w->moov);
+            extend_to_position(w);
         }
         return;
     }

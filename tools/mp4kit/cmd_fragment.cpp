@@ -2,12 +2,13 @@
 // remuxer and one fixed-size memory buffer.
 #include "commands.h"
 
-#include <mp4kit/mp4.h>
+#include "internal.h"
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
+#include <new>
 #include <sys/stat.h>
-#include <vector>
 
 namespace {
 
@@ -34,16 +35,23 @@ void track_open_fragment(const uint8_t *p, uint32_t n, bool *open) {
     }
 }
 
-// Room for one pass: the first writes the movie header with the first samples, the others the
-// audio up to one video sample and that sample, sometimes a fragment header. Twice the input
-// covers even a movie without video, whose audio all goes out in the first pass.
-uint32_t buffer_size_for(const char *path) {
-    const uint64_t floor = 1u << 20, ceiling = 256u << 20;
+// Room for one pass. A pass copies the audio due up to one picture, but a movie without video,
+// or whose audio outlasts its video, has much of its audio copied in one pass, so the buffer
+// covers the whole output: the input plus, per sample, its mdat header, its trun and at worst a
+// fragment header of its own. Only the pages a pass writes are ever touched.
+uint64_t whole_output_bound(mp4_muxer *h, const char *path) {
     struct stat st;
-    uint64_t want = stat(path, &st) == 0 ? 2 * uint64_t(st.st_size) + (64u << 10) : floor;
-    return uint32_t(want < floor ? floor : want > ceiling ? ceiling : want);
+    uint64_t bound = (stat(path, &st) == 0 ? uint64_t(st.st_size) : 0) + (1u << 20);
+    Box *moov = h->linked ? h->linked->moov : nullptr;
+    for (Box *trak = getChild(moov, fourcc("trak")); trak; trak = trak->next) {
+        Box *stbl =
+            getChild(getChild(getChild(trak, fourcc("mdia")), fourcc("minf")), fourcc("stbl"));
+        Box *stsz = getChild(stbl, fourcc("stsz"));
+        if (trak->type == fourcc("trak") && stsz && stsz->alloc_size >= sizeof(Stsz))
+            bound += 128 * uint64_t(static_cast<Stsz *>(stsz)->sample_count);
+    }
+    return bound;
 }
-
 int fail(mp4_muxer *h, FILE *out, const char *what) {
     const char *why = h ? mp4_get_error(h) : nullptr;
     fprintf(stderr, "mp4kit fragment: %s%s%s\n", what, why ? ": " : "", why ? why : "");
@@ -76,28 +84,32 @@ int run(int argc, char **argv) {
         return 1;
     }
 
-    std::vector<uint8_t> buffer(buffer_size_for(argv[1]));
+    uint64_t bound = whole_output_bound(h, argv[1]);
+    const uint32_t size = bound > 0xFFFFFFFFu ? 0xFFFFFFFFu : uint32_t(bound);
+    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]);
+    if (!buffer)
+        return fail(h, out, "out of memory");
     bool open = false; // samples written since the last fragment header
     for (;;) {
-        mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+        mp4_buf_put(h, buffer.get(), size);
         mp4_remux(h);
         uint32_t n = mp4_buf_get(h);
         if (mp4_get_error_code(h))
             return fail(h, out, "remuxing failed");
         if (n == 0)
             break; // every sample has been copied
-        track_open_fragment(buffer.data(), n, &open);
-        if (fwrite(buffer.data(), 1, n, out) != n)
+        track_open_fragment(buffer.get(), n, &open);
+        if (fwrite(buffer.get(), 1, n, out) != n)
             return fail(h, out, "write failed");
     }
     if (open) {
         // The last samples are described only once their fragment is closed.
-        mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+        mp4_buf_put(h, buffer.get(), size);
         mp4_write_frag_header(h);
         uint32_t n = mp4_buf_get(h);
         if (mp4_get_error_code(h))
             return fail(h, out, "remuxing failed");
-        if (fwrite(buffer.data(), 1, n, out) != n)
+        if (fwrite(buffer.get(), 1, n, out) != n)
             return fail(h, out, "write failed");
     }
     if (fclose(out) != 0) {

@@ -1,0 +1,1106 @@
+// The two remuxers: fragmented streams turned into plain movies (however the input is cut into
+// buffers, with shifted positions, missing data and hostile boxes), plain movies turned into
+// fragments, and the round trip between the two, which must give back every sample.
+#include "internal.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace test_util;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t AVC1 = MP4_FOURCC('a', 'v', 'c', '1');
+constexpr uint32_t MP4A = MP4_FOURCC('m', 'p', '4', 'a');
+
+uint64_t fnv(const uint8_t *p, size_t n) {
+    uint64_t h = 1469598103934665603ull;
+    for (size_t i = 0; i < n; i++)
+        h = (h ^ p[i]) * 1099511628211ull;
+    return h;
+}
+
+void put32(Bytes &b, uint32_t v) {
+    for (int i = 3; i >= 0; i--)
+        b.push_back(uint8_t(v >> (8 * i)));
+}
+void put64(Bytes &b, uint64_t v) {
+    put32(b, uint32_t(v >> 32));
+    put32(b, uint32_t(v));
+}
+void putType(Bytes &b, const char *t) {
+    b.insert(b.end(), t, t + 4);
+}
+void append(Bytes &to, const Bytes &from) {
+    to.insert(to.end(), from.begin(), from.end());
+}
+
+Bytes box(const char *type, const Bytes &body) {
+    Bytes b;
+    put32(b, uint32_t(8 + body.size()));
+    putType(b, type);
+    append(b, body);
+    return b;
+}
+
+// ---- what a plain movie holds, read without the library ------------------------------------
+
+struct Sample {
+    uint64_t hash;
+    uint32_t size;
+    uint32_t duration;
+    bool operator==(const Sample &o) const {
+        return hash == o.hash && size == o.size && duration == o.duration;
+    }
+};
+
+struct Track {
+    std::string handler;
+    uint32_t timescale = 0;
+    uint64_t duration = 0; // mdhd
+    std::vector<Sample> samples;
+};
+
+std::ostream &operator<<(std::ostream &os, const Sample &s) {
+    return os << "{size " << s.size << ", duration " << s.duration << "}";
+}
+
+// The full-box fields of a box (after version and flags) and its version.
+const uint8_t *body(const Bytes &f, const BoxRef &b, int *version = nullptr) {
+    if (version)
+        *version = f[b.payload()];
+    return &f[b.payload() + 4];
+}
+
+// Every sample of every track of a plain movie, from its sample tables.
+std::map<uint32_t, Track> tracksOf(const Bytes &f) {
+    std::map<uint32_t, Track> out;
+    BoxRef moov = findBox(f, "moov");
+    if (!moov.found)
+        return out;
+    int n = 0;
+    for (auto &kv : boxesIn(f, moov.payload(), moov.end())) {
+        if (kv.first != "trak")
+            continue;
+        std::string p = "moov/trak#" + std::to_string(++n);
+        int v = 0;
+        const uint8_t *tkhd = body(f, findBox(f, p + "/tkhd"), &v);
+        uint32_t id = be32(tkhd + (v == 1 ? 16 : 8));
+        Track &t = out[id];
+        const uint8_t *mdhd = body(f, findBox(f, p + "/mdia/mdhd"), &v);
+        t.timescale = be32(mdhd + (v == 1 ? 16 : 8));
+        t.duration = v == 1 ? be64(mdhd + 20) : be32(mdhd + 12);
+        t.handler.assign(reinterpret_cast<const char *>(body(f, findBox(f, p + "/mdia/hdlr")) + 4),
+                         4);
+        std::string s = p + "/mdia/minf/stbl/";
+        const uint8_t *stsz = body(f, findBox(f, s + "stsz"));
+        const uint8_t *stsc = body(f, findBox(f, s + "stsc"));
+        const uint8_t *stts = body(f, findBox(f, s + "stts"));
+        BoxRef stco = findBox(f, s + "stco"), co64 = findBox(f, s + "co64");
+        const uint8_t *chunks = body(f, stco.found ? stco : co64);
+        uint32_t constant = be32(stsz), count = be32(stsz + 4);
+        uint32_t stsc_n = be32(stsc), stts_n = be32(stts), chunk_n = be32(chunks);
+        uint32_t si = 0, sample = 0, ti = 0, used = 0;
+        for (uint32_t c = 0; c < chunk_n && sample < count; c++) {
+            if (si + 1 < stsc_n && be32(stsc + 4 + 12 * (si + 1)) == c + 1)
+                si++;
+            uint64_t off = stco.found ? be32(chunks + 4 + 4 * c) : be64(chunks + 4 + 8 * c);
+            uint32_t per = be32(stsc + 4 + 12 * si + 4);
+            for (uint32_t k = 0; k < per && sample < count && ti < stts_n; k++, sample++) {
+                uint32_t size = constant ? constant : be32(stsz + 8 + 4 * sample);
+                uint32_t delta = be32(stts + 4 + 8 * ti + 4);
+                uint64_t h = off + size <= f.size() ? fnv(&f[off], size) : 0;
+                t.samples.push_back({h, size, delta});
+                off += size;
+                if (++used == be32(stts + 4 + 8 * ti)) {
+                    ti++;
+                    used = 0;
+                }
+            }
+        }
+    }
+    return out;
+}
+
+// What the library's reader hands to a sample callback while playing a file forwards.
+struct Delivered {
+    uint32_t track;
+    uint64_t timestamp;
+    uint32_t size;
+    uint32_t flags;
+    uint64_t hash;
+    bool operator==(const Delivered &o) const {
+        return track == o.track && timestamp == o.timestamp && size == o.size && flags == o.flags &&
+               hash == o.hash;
+    }
+};
+
+std::ostream &operator<<(std::ostream &os, const Delivered &d) {
+    return os << "{track " << d.track << ", t " << d.timestamp << ", size " << d.size << ", flags "
+              << d.flags << "}";
+}
+
+struct PlayContext {
+    const Bytes *file;
+    std::vector<Delivered> *list;
+    bool with_flags;
+};
+
+int onSample(void *opaque, uint32_t track, uint64_t offset, uint64_t timestamp, uint32_t size,
+             uint32_t flags) {
+    auto *c = static_cast<PlayContext *>(opaque);
+    uint64_t h = offset + size <= c->file->size() ? fnv(&(*c->file)[offset], size) : 0;
+    c->list->push_back({track, timestamp, size, c->with_flags ? flags : 0, h});
+    return 0;
+}
+
+std::vector<Delivered> played(const std::string &path, bool with_flags) {
+    Bytes file = readFile(path);
+    std::vector<Delivered> list;
+    PlayContext ctx{&file, &list, with_flags};
+    mp4_muxer *r = mp4_reader_create();
+    mp4_file_name_ascii(r, path.c_str());
+    mp4_play_mixed_timescales(r, 1);
+    mp4_set_sample_callback(r, onSample, &ctx);
+    for (int guard = 0; guard < 1000000 && mp4_play(r) == 0; guard++) {
+    }
+    mp4_delete(r);
+    return list;
+}
+
+// ---- running the remuxers ------------------------------------------------------------------
+
+// A plain movie refragmented through a memory buffer; each pass's output is one piece.
+Bytes refragment(const std::string &path, std::vector<Bytes> *pieces = nullptr,
+                 uint32_t *frag_samples = nullptr) {
+    mp4_muxer *h = mp4_refrag_create();
+    mp4_file_name_ascii(h, path.c_str());
+    EXPECT_EQ(mp4_is_fragmented(h), 0) << path;
+    Bytes buffer(8 << 20), out;
+    for (int guard = 0; guard < 1000000; guard++) {
+        mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+        mp4_remux(h);
+        uint32_t n = mp4_buf_get(h);
+        if (n == 0)
+            break;
+        out.insert(out.end(), buffer.begin(), buffer.begin() + n);
+        if (pieces)
+            pieces->emplace_back(buffer.begin(), buffer.begin() + n);
+    }
+    // Finishing a refragmenting remuxer closes the fragment still open, if any.
+    mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+    mp4_write_movie(h);
+    uint32_t n = mp4_buf_get(h);
+    out.insert(out.end(), buffer.begin(), buffer.begin() + n);
+    if (pieces && n)
+        pieces->emplace_back(buffer.begin(), buffer.begin() + n);
+    EXPECT_EQ(mp4_get_error(h), nullptr) << path;
+    if (frag_samples)
+        *frag_samples = h->linked->frag_samples;
+    mp4_delete(h);
+    return out;
+}
+
+// A fragmented stream fed to the defragmenting remuxer piece by piece, honouring how much of
+// each piece was consumed; the plain movie goes to `out_path`. Returns the remuxer's error code.
+uint32_t defragment(const std::vector<Bytes> &pieces, const std::string &out_path) {
+    mp4_muxer *h = mp4_remuxer_create();
+    mp4_file_name_ascii(h, out_path.c_str());
+    Bytes pending;
+    for (const Bytes &piece : pieces) {
+        append(pending, piece);
+        mp4_buf_put(h, pending.data(), uint32_t(pending.size()));
+        mp4_remux(h);
+        uint64_t used = std::min<uint64_t>(mp4_buf_get(h), pending.size());
+        EXPECT_EQ(h->buffer_adjust, 0); // taken into the position with the buffer
+        pending.erase(pending.begin(), pending.begin() + long(used));
+    }
+    mp4_write_movie(h);
+    uint32_t error = mp4_get_error_code(h);
+    mp4_delete(h);
+    return error;
+}
+
+long countBoxes(const Bytes &f, const char *type) {
+    std::vector<std::string> top = topLevel(f);
+    return long(std::count(top.begin(), top.end(), type));
+}
+
+std::vector<Bytes> topLevelBoxes(const Bytes &f) {
+    std::vector<Bytes> out;
+    for (auto &kv : boxesIn(f, 0, f.size()))
+        out.emplace_back(f.begin() + long(kv.second.offset), f.begin() + long(kv.second.end()));
+    return out;
+}
+
+// ---- recordings made for the tests ---------------------------------------------------------
+
+// Stored H.264 samples of chosen sizes (a slice NAL behind its 4-byte length) and raw AAC
+// frames, distinct bytes in each so that every sample can be recognised.
+Bytes nal(uint32_t size, bool idr, uint32_t seed) {
+    Bytes b = {0, 0, 0, 1, uint8_t(idr ? 0x65 : 0x41)};
+    for (uint32_t i = 5; i < size; i++)
+        b.push_back(uint8_t(seed * 31 + i * 7 + 1));
+    return b;
+}
+Bytes rawAudio(uint32_t size, uint32_t seed) {
+    Bytes b;
+    for (uint32_t i = 0; i < size; i++)
+        b.push_back(uint8_t(0x20 + seed * 13 + i * 3));
+    return b;
+}
+
+struct Plan {
+    // In writing order: track 1 video (90000 Hz), track 2 audio (48000 Hz).
+    struct Step {
+        uint32_t track;
+        Bytes data;
+        uint32_t duration;
+    };
+    std::vector<Step> steps;
+};
+
+// Video in runs of `run_v` pictures and audio in runs of `run_a` frames, so that each run is one
+// chunk. Picture sizes walk through 250..520 bytes and frame sizes through 100..199, so that
+// no two samples near each other have the same length.
+Plan synthetic(uint32_t pictures, uint32_t run_v, uint32_t frames, uint32_t run_a) {
+    Plan p;
+    uint32_t v = 0, a = 0;
+    while (v < pictures || a < frames) {
+        for (uint32_t k = 0; k < run_v && v < pictures; k++, v++)
+            p.steps.push_back({1, nal(250 + (v * 37) % 271, v % 30 == 0, v), 3000});
+        for (uint32_t k = 0; k < run_a && a < frames; k++, a++)
+            p.steps.push_back({2, rawAudio(100 + (a * 53) % 100, a), 1024});
+    }
+    return p;
+}
+
+void recordPlain(const Plan &plan, const std::string &path) {
+    mp4_muxer *m = mp4_writer_create();
+    mp4_file_name_ascii(m, path.c_str());
+    ASSERT_EQ(mp4_video_track_create(m, AVC1, 90000, 3000, 0, 64, 48, 66, 30), 1u);
+    ASSERT_EQ(mp4_audio_track_create(m, MP4A, 48000, 1024, 0, 48000, 2), 2u);
+    for (const Plan::Step &s : plan.steps)
+        mp4_write_track(m, s.track, s.data.data(), uint32_t(s.data.size()), s.duration);
+    mp4_write_movie(m);
+    ASSERT_EQ(mp4_get_error(m), nullptr);
+    mp4_delete(m);
+}
+
+// The same plan as a fragmented stream from the fragment writer, a fragment header after every
+// `per_fragment` steps; each buffer taken out is one piece. `lead` bytes of a skip box go first.
+std::vector<Bytes> recordFragmented(const Plan &plan, size_t per_fragment, uint32_t lead = 0) {
+    mp4_muxer *m = mp4_writer_create();
+    mp4_video_track_create(m, AVC1, 90000, 3000, 0, 64, 48, 66, 30);
+    mp4_audio_track_create(m, MP4A, 48000, 1024, 0, 48000, 2);
+    Bytes buffer(1 << 20);
+    std::vector<Bytes> pieces;
+    auto take = [&]() {
+        uint32_t n = mp4_buf_get(m);
+        if (n)
+            pieces.emplace_back(buffer.begin(), buffer.begin() + n);
+        mp4_buf_put(m, buffer.data(), uint32_t(buffer.size()));
+    };
+    mp4_buf_put(m, buffer.data(), uint32_t(buffer.size()));
+    if (lead) {
+        Bytes skip(lead - 8, 0x5A);
+        mp4_write_skip_data(m, skip.data(), uint32_t(skip.size()));
+    }
+    mp4_write_movie(m);
+    take();
+    for (size_t i = 0; i < plan.steps.size(); i++) {
+        const Plan::Step &s = plan.steps[i];
+        mp4_write_track(m, s.track, s.data.data(), uint32_t(s.data.size()), s.duration);
+        if ((i + 1) % per_fragment == 0 || i + 1 == plan.steps.size()) {
+            mp4_write_frag_header(m);
+            take();
+        }
+    }
+    EXPECT_EQ(mp4_get_error(m), nullptr);
+    mp4_buf_get(m);
+    mp4_delete(m);
+    return pieces;
+}
+
+Bytes joined(const std::vector<Bytes> &pieces) {
+    Bytes all;
+    for (const Bytes &p : pieces)
+        append(all, p);
+    return all;
+}
+
+// The samples a plan puts into each track, as stored (start code turned into a length).
+std::map<uint32_t, std::vector<Sample>> expectedSamples(const Plan &plan) {
+    std::map<uint32_t, std::vector<Sample>> out;
+    for (const Plan::Step &s : plan.steps) {
+        Bytes stored = s.data;
+        if (s.track == 1) {
+            uint32_t len = uint32_t(stored.size() - 4);
+            stored[0] = uint8_t(len >> 24);
+            stored[1] = uint8_t(len >> 16);
+            stored[2] = uint8_t(len >> 8);
+            stored[3] = uint8_t(len);
+        }
+        out[s.track].push_back(
+            {fnv(stored.data(), stored.size()), uint32_t(stored.size()), s.duration});
+    }
+    return out;
+}
+
+void expectSameSamples(const std::map<uint32_t, Track> &a, const std::map<uint32_t, Track> &b) {
+    ASSERT_EQ(a.size(), b.size());
+    for (auto &kv : a) {
+        auto it = b.find(kv.first);
+        ASSERT_NE(it, b.end()) << "track " << kv.first;
+        EXPECT_EQ(kv.second.handler, it->second.handler);
+        EXPECT_EQ(kv.second.timescale, it->second.timescale) << "track " << kv.first;
+        EXPECT_EQ(kv.second.duration, it->second.duration) << "track " << kv.first;
+        ASSERT_EQ(kv.second.samples.size(), it->second.samples.size()) << "track " << kv.first;
+        for (size_t i = 0; i < kv.second.samples.size(); i++)
+            ASSERT_EQ(kv.second.samples[i], it->second.samples[i])
+                << "track " << kv.first << " sample " << i;
+    }
+}
+
+// Overwrites the four type bytes of the box at `path`.
+void renameBox(Bytes &f, const std::string &path, const char *type) {
+    BoxRef b = findBox(f, path);
+    ASSERT_TRUE(b.found) << path;
+    memcpy(&f[b.offset + 4], type, 4);
+}
+
+} // namespace
+
+// ---- handles and dispatch ------------------------------------------------------------------
+
+TEST(RemuxHandles, EachRemuxerIsAReaderAndAWriterLinked) {
+    mp4_muxer *d = mp4_remuxer_create();
+    ASSERT_NE(d, nullptr);
+    EXPECT_TRUE(is_reader(d));
+    EXPECT_TRUE(d->flags & MP4_REMUXER);
+    EXPECT_EQ(d->remux_callback, &defrag_callback);
+    ASSERT_NE(d->linked, nullptr);
+    EXPECT_FALSE(is_reader(d->linked));
+    mp4_delete(d);
+
+    mp4_muxer *r = mp4_refrag_create();
+    ASSERT_NE(r, nullptr);
+    EXPECT_FALSE(is_reader(r));
+    EXPECT_EQ(r->remux_callback, nullptr);
+    ASSERT_NE(r->linked, nullptr);
+    EXPECT_TRUE(is_reader(r->linked));
+    mp4_delete(r);
+}
+
+TEST(RemuxHandles, OnlyALinkedReaderAndWriterCanRemux) {
+    mp4_muxer *plain = mp4_reader_create();
+    mp4_muxer *writers = mp4_writer_create();
+    writers->linked = mp4_writer_create();
+    for (mp4_muxer *m : {plain, writers, static_cast<mp4_muxer *>(nullptr)}) {
+        testing::internal::CaptureStderr();
+        mp4_remux(m);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "mp4_remux: not a remuxable handle\n");
+    }
+    mp4_delete(plain);
+    mp4_delete(writers);
+}
+
+TEST(RemuxHandles, AnEmptyEditSeenByTheDefragmenterCopiesNothing) {
+    mp4_muxer *d = mp4_remuxer_create();
+    EXPECT_EQ(defrag_callback(d, 1, 0, 0, 4500), 0u);
+    EXPECT_EQ(defrag_callback(d, 1, 0, 77, 4500), 77u);
+    EXPECT_EQ(d->linked->pos, 0u);
+    EXPECT_EQ(mp4_get_error_code(d), 0u);
+    mp4_delete(d);
+}
+
+// ---- defragmenting ---------------------------------------------------------------------------
+
+TEST(Defragment, EverySampleOfTheFragmentsIsCopied) {
+    TempDir dir;
+    Plan plan = synthetic(40, 5, 60, 7);
+    std::vector<Bytes> pieces = recordFragmented(plan, 12);
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(defragment(pieces, dir.file("plain.mp4")), 0u);
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(said.find("failed to find"), std::string::npos) << said;
+
+    Bytes f = readFile(dir.file("plain.mp4"));
+    std::vector<std::string> top = topLevel(f);
+    EXPECT_EQ(top, (std::vector<std::string>{"ftyp", "free", "mdat", "moov"}));
+    EXPECT_FALSE(findBox(f, "moov/mvex").found);
+    std::map<uint32_t, Track> tracks = tracksOf(f);
+    auto expected = expectedSamples(plan);
+    ASSERT_EQ(tracks.size(), 2u);
+    EXPECT_EQ(tracks[1].samples, expected[1]);
+    EXPECT_EQ(tracks[2].samples, expected[2]);
+    EXPECT_EQ(tracks[1].duration, 40u * 3000);
+    EXPECT_EQ(tracks[2].duration, 60u * 1024);
+    // Each track fragment started a chunk of its own: 12 steps per fragment.
+    uint32_t with_video = 0;
+    for (size_t i = 0; i < plan.steps.size(); i += 12)
+        with_video += std::any_of(plan.steps.begin() + long(i),
+                                  plan.steps.begin() + long(std::min(i + 12, plan.steps.size())),
+                                  [](const Plan::Step &s) { return s.track == 1; });
+    BoxRef stco = findBox(f, "moov/trak#1/mdia/minf/stbl/stco");
+    EXPECT_EQ(be32(&f[stco.payload() + 4]), with_video);
+}
+
+TEST(Defragment, WholeBoxesGivenInAnyGroupingMakeTheSameFile) {
+    TempDir dir;
+    Plan plan = synthetic(30, 4, 45, 6);
+    std::vector<Bytes> as_written = recordFragmented(plan, 9);
+    Bytes stream = joined(as_written);
+    std::vector<Bytes> boxes = topLevelBoxes(stream);
+    ASSERT_GT(boxes.size(), 80u);
+
+    ASSERT_EQ(defragment(as_written, dir.file("as_written.mp4")), 0u);
+    Bytes reference = readFile(dir.file("as_written.mp4"));
+    ASSERT_FALSE(reference.empty());
+
+    std::vector<std::vector<Bytes>> groupings;
+    groupings.push_back({stream});
+    groupings.push_back(boxes);
+    std::mt19937 rng(4417);
+    for (int g = 0; g < 3; g++) {
+        std::vector<Bytes> pieces;
+        for (size_t i = 0; i < boxes.size();) {
+            size_t n = 1 + rng() % 7;
+            Bytes piece;
+            for (size_t k = 0; k < n && i < boxes.size(); k++)
+                append(piece, boxes[i++]);
+            pieces.push_back(piece);
+        }
+        groupings.push_back(pieces);
+    }
+    for (size_t g = 0; g < groupings.size(); g++) {
+        std::string out = dir.file("grouping" + std::to_string(g) + ".mp4");
+        ASSERT_EQ(defragment(groupings[g], out), 0u);
+        EXPECT_EQ(readFile(out), reference) << "grouping " << g;
+    }
+}
+
+TEST(Defragment, ShiftedPositionsAreRecoveredThroughTheBufferAdjustment) {
+    TempDir dir;
+    Plan plan = synthetic(20, 4, 30, 6);
+    const uint32_t cut = 64;
+    std::vector<Bytes> pieces = recordFragmented(plan, 10, cut);
+    // The stream loses its first bytes: every recorded position is `cut` ahead of the input.
+    ASSERT_GT(pieces[0].size(), cut);
+    pieces[0].erase(pieces[0].begin(), pieces[0].begin() + cut);
+
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(defragment(pieces, dir.file("plain.mp4")), 0u);
+    std::string said = testing::internal::GetCapturedStdout();
+    // The first sample is looked for at its recorded position, then found by its length.
+    const std::string failed = "defrag_callback: failed to find a MDAT containing referenced "
+                               "track data at offset ";
+    size_t first = said.find(failed);
+    ASSERT_NE(first, std::string::npos) << said;
+    EXPECT_EQ(said.find(failed, first + failed.size()), std::string::npos) << said;
+    EXPECT_NE(said.find("defrag_callback: buffer_adjust is 64\n"), std::string::npos) << said;
+
+    std::map<uint32_t, Track> tracks = tracksOf(readFile(dir.file("plain.mp4")));
+    auto expected = expectedSamples(plan);
+    EXPECT_EQ(tracks[1].samples, expected[1]);
+    EXPECT_EQ(tracks[2].samples, expected[2]);
+}
+
+TEST(Defragment, APieceEndingInsideAnMdatKeepsThePartThatArrived) {
+    TempDir dir;
+    Plan plan = synthetic(6, 6, 0, 0);
+    std::vector<Bytes> pieces = recordFragmented(plan, 6);
+    ASSERT_EQ(pieces.size(), 2u); // header, then one fragment
+    Bytes fragment = pieces[1];
+    std::vector<Bytes> boxes = topLevelBoxes(fragment);
+    ASSERT_EQ(boxes.size(), 7u); // six mdat boxes and the moof
+    // The third mdat arrives with only 20 bytes of its payload; the rest of it is lost.
+    size_t split = boxes[0].size() + boxes[1].size() + 8 + 20;
+    Bytes head(fragment.begin(), fragment.begin() + long(split));
+    Bytes tail(fragment.begin() + long(split - 8 - 20 + boxes[2].size()), fragment.end());
+
+    mp4_muxer *h = mp4_remuxer_create();
+    mp4_file_name_ascii(h, dir.file("plain.mp4").c_str());
+    mp4_buf_put(h, pieces[0].data(), uint32_t(pieces[0].size()));
+    mp4_remux(h);
+    ASSERT_EQ(mp4_buf_get(h), pieces[0].size());
+    testing::internal::CaptureStdout();
+    mp4_buf_put(h, head.data(), uint32_t(head.size()));
+    mp4_remux(h);
+    // The cut mdat counts as consumed whole.
+    EXPECT_EQ(mp4_buf_get(h), split - 8 - 20 + boxes[2].size());
+    mp4_buf_put(h, tail.data(), uint32_t(tail.size()));
+    mp4_remux(h);
+    EXPECT_EQ(mp4_buf_get(h), tail.size());
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("rwBox: short input type=mdat"), std::string::npos) << said;
+    uint32_t stored = uint32_t(boxes[2].size() - 8);
+    // Each trun of the fragment writer holds one sample: the index is 0.
+    EXPECT_NE(
+        said.find("WARNING: TRUN sample[0] size " + std::to_string(stored) + " should be 20\n"),
+        std::string::npos)
+        << said;
+    mp4_write_movie(h);
+    EXPECT_EQ(mp4_get_error(h), nullptr);
+    mp4_delete(h);
+
+    std::map<uint32_t, Track> tracks = tracksOf(readFile(dir.file("plain.mp4")));
+    auto expected = expectedSamples(plan)[1];
+    ASSERT_EQ(tracks[1].samples.size(), 6u);
+    for (size_t i = 0; i < 6; i++) {
+        if (i == 2)
+            continue;
+        EXPECT_EQ(tracks[1].samples[i], expected[i]) << i;
+    }
+    EXPECT_EQ(tracks[1].samples[2].size, 20u);
+    EXPECT_EQ(tracks[1].samples[2].hash, fnv(&boxes[2][8], 20));
+}
+
+TEST(Defragment, APieceEndingInsideAMoofLosesThatFragmentOnly) {
+    TempDir dir;
+    Plan plan = synthetic(12, 12, 0, 0);
+    std::vector<Bytes> pieces = recordFragmented(plan, 4); // header and three fragments
+    ASSERT_EQ(pieces.size(), 4u);
+    Bytes second = pieces[2];
+    std::vector<Bytes> boxes = topLevelBoxes(second);
+    ASSERT_EQ(boxes.size(), 5u);
+    size_t moof_at = second.size() - boxes[4].size();
+    Bytes head(second.begin(), second.begin() + long(moof_at + 30));
+    Bytes rest(second.begin() + long(moof_at + 30), second.end());
+
+    mp4_muxer *h = mp4_remuxer_create();
+    mp4_file_name_ascii(h, dir.file("plain.mp4").c_str());
+    auto feed = [&](const Bytes &p) {
+        mp4_buf_put(h, const_cast<uint8_t *>(p.data()), uint32_t(p.size()));
+        mp4_remux(h);
+        return mp4_buf_get(h);
+    };
+    EXPECT_EQ(feed(pieces[0]), pieces[0].size());
+    EXPECT_EQ(feed(pieces[1]), pieces[1].size());
+    testing::internal::CaptureStdout();
+    // The moof cut short is passed over whole: the count covers it, so the caller goes on after it.
+    EXPECT_EQ(feed(head), second.size());
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("rwBox: short input type=moof"), std::string::npos) << said;
+    EXPECT_EQ(feed(pieces[3]), pieces[3].size());
+    mp4_write_movie(h);
+    EXPECT_EQ(mp4_get_error(h), nullptr);
+    mp4_delete(h);
+
+    std::map<uint32_t, Track> tracks = tracksOf(readFile(dir.file("plain.mp4")));
+    auto expected = expectedSamples(plan)[1];
+    std::vector<Sample> kept(expected.begin(), expected.begin() + 4);
+    kept.insert(kept.end(), expected.begin() + 8, expected.end());
+    EXPECT_EQ(tracks[1].samples, kept);
+}
+
+TEST(Defragment, AMissingSampleLeavesItsTimeToTheNextOne) {
+    TempDir dir;
+    Plan plan = synthetic(8, 8, 0, 0);
+    std::vector<Bytes> pieces = recordFragmented(plan, 8);
+    // The fourth sample's mdat becomes a free box of the same size: positions stay, data is gone.
+    std::vector<Bytes> boxes = topLevelBoxes(pieces[1]);
+    size_t at = boxes[0].size() + boxes[1].size() + boxes[2].size();
+    memcpy(&pieces[1][at + 4], "free", 4);
+
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(defragment(pieces, dir.file("plain.mp4")), 0u);
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("failed to find a MDAT"), std::string::npos) << said;
+
+    std::map<uint32_t, Track> tracks = tracksOf(readFile(dir.file("plain.mp4")));
+    auto expected = expectedSamples(plan)[1];
+    ASSERT_EQ(tracks[1].samples.size(), 7u);
+    EXPECT_EQ(tracks[1].samples[3].hash, expected[4].hash);
+    EXPECT_EQ(tracks[1].samples[3].duration, 6000u); // its own and the lost one's
+    EXPECT_EQ(tracks[1].samples[2].duration, 3000u);
+    EXPECT_EQ(tracks[1].duration, 8u * 3000); // the track keeps its length
+}
+
+TEST(Defragment, AMoovWithoutMvhdStopsThePass) {
+    mp4_muxer *h = mp4_remuxer_create();
+    Bytes stream = box("moov", box("trak", box("tkhd", Bytes(84, 0))));
+    append(stream, box("free", Bytes(8, 0)));
+    testing::internal::CaptureStdout();
+    mp4_buf_put(h, stream.data(), uint32_t(stream.size()));
+    mp4_remux(h);
+    uint32_t used = mp4_buf_get(h);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(used, stream.size() - 16); // stopped before the box after the moov
+    EXPECT_EQ(mp4_get_error_code(h), 3u);
+    EXPECT_STREQ(mp4_get_error(h), "bad input");
+    EXPECT_EQ(h->moov, nullptr);
+    EXPECT_EQ(h->linked->moov, nullptr);
+    EXPECT_EQ(h->next_track_id, 1u);
+    EXPECT_EQ(h->linked->next_track_id, 1u);
+    EXPECT_EQ(h->tracks, nullptr);
+    EXPECT_EQ(h->linked->tracks, nullptr);
+    mp4_delete(h);
+}
+
+namespace {
+
+// A moof for track 1 whose one sample lies at `base` and has `size` bytes.
+Bytes strayMoof(uint32_t track, uint64_t base, uint32_t size, uint32_t count = 1,
+                uint32_t trun_flags = 0x200) {
+    Bytes tfhd;
+    put32(tfhd, 0x000001);
+    put32(tfhd, track);
+    put64(tfhd, base);
+    Bytes trun;
+    put32(trun, trun_flags);
+    put32(trun, count);
+    if (trun_flags & 0x200)
+        for (uint32_t i = 0; i < count; i++)
+            put32(trun, size);
+    Bytes mfhd;
+    put32(mfhd, 0);
+    put32(mfhd, 1);
+    Bytes traf = box("tfhd", tfhd);
+    append(traf, box("trun", trun));
+    Bytes moof = box("mfhd", mfhd);
+    append(moof, box("traf", traf));
+    return box("moof", moof);
+}
+
+// The fragmented header of the synthetic tracks.
+Bytes headerPiece() {
+    Plan none;
+    return recordFragmented(none, 1)[0];
+}
+
+} // namespace
+
+TEST(Defragment, MoreThan500UnmatchedMdatsSetError7) {
+    for (int mdats : {500, 501}) {
+        mp4_muxer *h = mp4_remuxer_create();
+        Bytes stream = headerPiece();
+        for (int i = 0; i < mdats; i++)
+            append(stream, box("mdat", Bytes(1 + i % 3, uint8_t(i))));
+        append(stream, strayMoof(1, 1ull << 40, 1000));
+        testing::internal::CaptureStdout();
+        mp4_buf_put(h, stream.data(), uint32_t(stream.size()));
+        mp4_remux(h);
+        mp4_buf_get(h);
+        std::string said = testing::internal::GetCapturedStdout();
+        EXPECT_NE(said.find("failed to find a MDAT containing referenced track data at offset "
+                            "1099511627776 len=1000\n"),
+                  std::string::npos);
+        if (mdats == 501) {
+            EXPECT_EQ(mp4_get_error_code(h), 7u);
+            EXPECT_STREQ(mp4_get_error(h), "remux failed to find mdat");
+        } else {
+            EXPECT_EQ(mp4_get_error_code(h), 0u);
+        }
+        mp4_delete(h);
+    }
+}
+
+TEST(Defragment, HostileFragmentsCopyNothingAndHurtNothing) {
+    TempDir dir;
+    mp4_muxer *h = mp4_remuxer_create();
+    mp4_file_name_ascii(h, dir.file("plain.mp4").c_str());
+    Bytes stream = headerPiece();
+    append(stream, box("mdat", Bytes(16, 7)));
+    append(stream, strayMoof(0, 0x20, 16));          // track 0
+    append(stream, strayMoof(99, 0x20, 16));         // no such track
+    append(stream, strayMoof(1, ~0ull - 4, 16));     // offset wraps past the end
+    append(stream, strayMoof(1, 0x20, 16, 4096, 0)); // many samples, no fields
+    append(stream, strayMoof(2, 0x10, 0xFFFFFFFFu)); // more than any mdat holds
+    append(stream, box("ftyp", Bytes(8, 'x')));      // not at the start: not written
+    append(stream, headerPiece());                   // a second movie: ignored
+    testing::internal::CaptureStdout();
+    mp4_buf_put(h, stream.data(), uint32_t(stream.size()));
+    mp4_remux(h);
+    EXPECT_EQ(mp4_buf_get(h), stream.size());
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("defrag: ignoring another moov\n"), std::string::npos);
+    mp4_write_movie(h);
+    EXPECT_EQ(mp4_get_error(h), nullptr);
+    mp4_delete(h);
+    Bytes f = readFile(dir.file("plain.mp4"));
+    EXPECT_EQ(countBoxes(f, "ftyp"), 1);
+    for (auto &kv : tracksOf(f))
+        EXPECT_TRUE(kv.second.samples.empty()) << "track " << kv.first;
+}
+
+// ---- refragmenting ---------------------------------------------------------------------------
+
+namespace {
+
+// Which sample of which track each mdat of a fragmented stream holds, and where the fragment
+// headers fall: "v3" is video sample 3, "a0" audio sample 0, "|" a moof.
+std::vector<std::string> fragmentOrder(const Bytes &stream, const Plan &plan) {
+    std::map<uint64_t, std::string> names;
+    std::map<uint32_t, uint32_t> index;
+    auto expected = expectedSamples(plan);
+    for (auto &kv : expected)
+        for (size_t i = 0; i < kv.second.size(); i++)
+            names[kv.second[i].hash] = (kv.first == 1 ? "v" : "a") + std::to_string(i);
+    std::vector<std::string> order;
+    for (auto &kv : boxesIn(stream, 0, stream.size())) {
+        if (kv.first == "moof")
+            order.push_back("|");
+        if (kv.first != "mdat")
+            continue;
+        uint64_t h = fnv(&stream[kv.second.payload()], size_t(kv.second.size - 8));
+        order.push_back(names.count(h) ? names[h] : "?");
+    }
+    return order;
+}
+
+// The order the refragmenter is to copy in: per call, the audio due up to the next picture
+// (audio time x 90000 against video time x 48000, audio first on a tie), then the picture,
+// and a fragment header after every `n`th picture; the last open fragment is closed at the end.
+std::vector<std::string> expectedOrder(uint32_t pictures, uint32_t frames, uint32_t n,
+                                       uint32_t video_delta = 3000) {
+    std::vector<std::string> order;
+    uint32_t v = 0, a = 0;
+    bool open = false;
+    while (v < pictures || a < frames) {
+        while (a < frames &&
+               !(v < pictures && uint64_t(a) * 1024 * 90000 > uint64_t(v) * video_delta * 48000)) {
+            order.push_back("a" + std::to_string(a++));
+            open = true;
+        }
+        if (v >= pictures)
+            break;
+        order.push_back("v" + std::to_string(v++));
+        open = true;
+        if (n && v % n == 0) {
+            order.push_back("|");
+            open = false;
+        }
+    }
+    if (open)
+        order.push_back("|");
+    return order;
+}
+
+} // namespace
+
+TEST(Refragment, AFragmentFollowsEveryChunkLengthOfPictures) {
+    TempDir dir;
+    Plan plan = synthetic(75, 30, 110, 45);
+    recordPlain(plan, dir.file("plain.mp4"));
+    uint32_t frag_samples = 0;
+    testing::internal::CaptureStdout();
+    Bytes stream = refragment(dir.file("plain.mp4"), nullptr, &frag_samples);
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(said.find("unknown handler type"), std::string::npos) << said;
+    EXPECT_EQ(frag_samples, 30u);
+
+    std::vector<std::string> top = topLevel(stream);
+    ASSERT_GE(top.size(), 2u);
+    EXPECT_EQ(top[0], "ftyp");
+    EXPECT_EQ(top[1], "moov");
+    EXPECT_EQ(fragmentOrder(stream, plan), expectedOrder(75, 110, 30));
+
+    // The movie announces fragments and lists no samples itself.
+    std::vector<std::string> mvex;
+    BoxRef mv = findBox(stream, "moov/mvex");
+    for (auto &kv : boxesIn(stream, mv.payload(), mv.end()))
+        mvex.push_back(kv.first);
+    EXPECT_EQ(mvex, (std::vector<std::string>{"trex", "trex"}));
+    EXPECT_EQ(be32(body(stream, findBox(stream, "moov/mvex/trex#1")) + 8), 3000u);
+    EXPECT_EQ(be32(body(stream, findBox(stream, "moov/mvex/trex#2")) + 8), 1024u);
+    for (const char *t : {"stts", "stsc", "stco", "stss"})
+        EXPECT_EQ(findBox(stream, std::string("moov/trak#1/mdia/minf/stbl/") + t).size, 16u) << t;
+    EXPECT_EQ(findBox(stream, "moov/trak#2/mdia/minf/stbl/stsz").size, 20u);
+    // Sequence numbers run 1, 2, 3 ...
+    uint32_t seq = 0;
+    for (auto &kv : boxesIn(stream, 0, stream.size())) {
+        if (kv.first == "moof") {
+            EXPECT_EQ(be32(&stream[kv.second.payload() + 8 + 4]), ++seq);
+        }
+    }
+    EXPECT_EQ(seq, 3u);
+}
+
+TEST(Refragment, SamplesOfTheDefaultDurationCarryNoDuration) {
+    TempDir dir;
+    Plan plan = synthetic(5, 5, 0, 0);
+    plan.steps.back().duration = 1500;
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes stream = refragment(dir.file("plain.mp4"));
+    BoxRef moof = findBox(stream, "moof");
+    ASSERT_TRUE(moof.found);
+    std::vector<uint32_t> flags;
+    BoxRef traf = findBox(stream, "moof/traf");
+    for (auto &kv : boxesIn(stream, traf.payload(), traf.end()))
+        if (kv.first == "trun")
+            flags.push_back(be32(&stream[kv.second.payload()]));
+    EXPECT_EQ(flags, (std::vector<uint32_t>{0x200, 0x201, 0x201, 0x201, 0x301}));
+}
+
+TEST(Refragment, ASubtitleTrackIsAnnouncedButNotCopied) {
+    TempDir dir;
+    {
+        mp4_muxer *m = mp4_writer_create();
+        mp4_file_name_ascii(m, dir.file("plain.mp4").c_str());
+        mp4_video_track_create(m, AVC1, 90000, 3000, 0, 64, 48, 66, 30);
+        Bytes pic = nal(300, true, 1);
+        mp4_write_track(m, 1, pic.data(), uint32_t(pic.size()), 3000);
+        uint32_t s = mp4_subtitle_track_create(m, MP4_FOURCC('s', 'u', 'b', 'p'), "Subtitles",
+                                               90000, 3000, 0, 64, 48, nullptr);
+        ASSERT_EQ(s, 2u);
+        Bytes sub = rawAudio(40, 9);
+        mp4_write_track(m, s, sub.data(), uint32_t(sub.size()), 3000);
+        pic = nal(280, false, 2);
+        mp4_write_track(m, 1, pic.data(), uint32_t(pic.size()), 3000);
+        mp4_write_movie(m);
+        mp4_delete(m);
+    }
+    testing::internal::CaptureStdout();
+    Bytes stream = refragment(dir.file("plain.mp4"));
+    std::string said = testing::internal::GetCapturedStdout();
+    size_t lines = 0;
+    for (size_t at = said.find("unknown handler type: subp\n"); at != std::string::npos;
+         at = said.find("unknown handler type: subp\n", at + 1))
+        lines++;
+    EXPECT_GE(lines, 2u); // once per call
+    EXPECT_EQ(countBoxes(stream, "mdat"), 2);
+    // Its trak stays, tables emptied, with a trex of its own.
+    EXPECT_EQ(be32(body(stream, findBox(stream, "moov/trak#2/mdia/minf/stbl/stsz")) + 4), 0u);
+    EXPECT_EQ(be32(body(stream, findBox(stream, "moov/mvex/trex#2"))), 2u);
+}
+
+TEST(Refragment, ATrakWithoutChunkOffsetsIsLeftAsItWas) {
+    TempDir dir;
+    Plan plan = synthetic(10, 5, 12, 6);
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    renameBox(f, "moov/trak#2/mdia/minf/stbl/stco", "xxxx");
+    writeFile(dir.file("patched.mp4"), f);
+    Bytes stream = refragment(dir.file("patched.mp4"));
+    // One trex (video), video samples only, and the audio tables as they were.
+    BoxRef mv = findBox(stream, "moov/mvex");
+    EXPECT_EQ(boxesIn(stream, mv.payload(), mv.end()).size(), 1u);
+    EXPECT_EQ(countBoxes(stream, "mdat"), 10);
+    EXPECT_EQ(boxBytes(stream, "moov/trak#2/mdia/minf/stbl/stts"),
+              boxBytes(f, "moov/trak#2/mdia/minf/stbl/stts"));
+    EXPECT_EQ(boxBytes(stream, "moov/trak#2/mdia/minf/stbl/stsz"),
+              boxBytes(f, "moov/trak#2/mdia/minf/stbl/stsz"));
+}
+
+TEST(Refragment, AnEmptySttsMakesATrackUnusable) {
+    TempDir dir;
+    Plan plan = synthetic(10, 5, 12, 6);
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    BoxRef stts = findBox(f, "moov/trak#1/mdia/minf/stbl/stts");
+    memset(&f[stts.payload() + 4], 0, 4); // entry_count 0; the entries become unread bytes
+    writeFile(dir.file("patched.mp4"), f);
+    std::vector<Bytes> pieces;
+    Bytes stream = refragment(dir.file("patched.mp4"), &pieces);
+    BoxRef mv = findBox(stream, "moov/mvex");
+    auto trex = boxesIn(stream, mv.payload(), mv.end());
+    ASSERT_EQ(trex.size(), 1u);
+    EXPECT_EQ(be32(&stream[trex[0].second.payload() + 4]), 2u);
+    // Without usable video the audio all goes in the first call, and no fragment header is due
+    // until the caller closes the fragment.
+    EXPECT_EQ(countBoxes(pieces[0], "mdat"), 12);
+    EXPECT_EQ(countBoxes(stream, "moof"), 1);
+}
+
+TEST(Refragment, AFirstChunkOfNoPicturesMeansNoFragmentHeaderIsDue) {
+    TempDir dir;
+    Plan plan = synthetic(50, 30, 60, 45); // video chunks of 30 and 20 pictures
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    BoxRef stsc = findBox(f, "moov/trak#1/mdia/minf/stbl/stsc");
+    ASSERT_EQ(be32(&f[stsc.payload() + 4]), 2u);
+    memset(&f[stsc.payload() + 8 + 4], 0, 4); // first entry: 0 samples per chunk
+    writeFile(dir.file("patched.mp4"), f);
+    uint32_t frag_samples = 99;
+    Bytes stream = refragment(dir.file("patched.mp4"), nullptr, &frag_samples);
+    EXPECT_EQ(frag_samples, 0u);
+    // The remuxer writes no fragment header of its own; only the final close makes one.
+    EXPECT_EQ(countBoxes(stream, "moof"), 1);
+    EXPECT_EQ(topLevel(stream).back(), "moof");
+}
+
+TEST(Refragment, ConstantSizePcmIsMappedByTheBytesOfAFrame) {
+    SKIP_WITHOUT_FFPROBE();
+    TempDir dir;
+    // The writer's own PCM: every frame a sample of size 1 in stsz, 4 bytes in the file.
+    Bytes pcm = readFile(dataPath("sample_s16le.pcm"));
+    {
+        mp4_muxer *m = mov_writer_create();
+        mp4_file_name_ascii(m, dir.file("pcm.mov").c_str());
+        mp4_audio_track_create(m, MP4_FOURCC('s', 'o', 'w', 't'), 48000, 1024, 0, 48000, 2);
+        for (size_t at = 0; at < 3 * 4096; at += 4096)
+            mp4_write_track(m, 1, &pcm[at], 4096, 1024);
+        mp4_write_movie(m);
+        ASSERT_EQ(mp4_get_error(m), nullptr);
+        mp4_delete(m);
+    }
+    Bytes f = readFile(dir.file("pcm.mov"));
+    BoxRef stsz = findBox(f, "moov/trak/mdia/minf/stbl/stsz");
+    ASSERT_EQ(be32(body(f, stsz)), 1u);
+    // ffmpeg's PCM (with video) counts 4 bytes per frame itself.
+    for (std::string source : {dir.file("pcm.mov"), dataPath("pcm_s16le.mov")}) {
+        Bytes stream = refragment(source);
+        std::string frag = dir.file("frag.mov");
+        writeFile(frag, stream);
+        // One stereo 16-bit frame per sample: every audio mdat holds 4 bytes.
+        size_t frames = 0, pictures = 0;
+        for (auto &kv : boxesIn(stream, 0, stream.size())) {
+            if (kv.first == "mdat")
+                (kv.second.size == 12 ? frames : pictures)++;
+        }
+        EXPECT_EQ(frames, source == dir.file("pcm.mov") ? 3u * 1024 : 16000u) << source;
+        EXPECT_EQ(pictures, source == dir.file("pcm.mov") ? 0u : 15u) << source;
+        EXPECT_EQ(decodeErrors(frag), "") << source;
+        std::string a, b;
+        ASSERT_EQ(
+            run("ffmpeg -nostdin -v error -i " + quote(source) + " -map 0:a -f s16le - | md5sum",
+                &a),
+            0);
+        ASSERT_EQ(
+            run("ffmpeg -nostdin -v error -i " + quote(frag) + " -map 0:a -f s16le - | md5sum", &b),
+            0);
+        EXPECT_EQ(a, b) << source;
+    }
+}
+
+// ---- round trips -----------------------------------------------------------------------------
+
+namespace {
+
+void expectSamePlayback(const std::string &a, const std::string &b, bool with_flags) {
+    std::vector<Delivered> pa = played(a, with_flags), pb = played(b, with_flags);
+    ASSERT_FALSE(pa.empty()) << a;
+    ASSERT_EQ(pa.size(), pb.size());
+    for (size_t i = 0; i < pa.size(); i++)
+        ASSERT_EQ(pa[i], pb[i]) << "delivery " << i;
+}
+
+// Plain -> fragmented -> plain through the library, checking the fragmented stream on the way.
+void roundTrip(const std::string &source, const TempDir &dir, bool own, bool probe) {
+    SCOPED_TRACE(source);
+    std::vector<Bytes> pieces;
+    Bytes stream = refragment(source, &pieces);
+    ASSERT_FALSE(stream.empty());
+    std::string frag = dir.file("frag.mp4"), back = dir.file("back.mp4");
+    writeFile(frag, stream);
+    Bytes original = readFile(source);
+    std::map<uint32_t, Track> source_tracks = tracksOf(original);
+    if (probe) {
+        // Against the source's own tables: ffmpeg's reading of an edit list can add or drop
+        // packets of the plain source, which says nothing about the fragments.
+        std::vector<Fields> got;
+        std::string errors;
+        ASSERT_TRUE(probeStreams(frag, &got, &errors)) << errors;
+        EXPECT_EQ(errors, "");
+        ASSERT_EQ(got.size(), source_tracks.size());
+        size_t i = 0;
+        for (auto &kv : source_tracks) {
+            const Track &t = kv.second;
+            EXPECT_EQ(got[i]["nb_read_packets"], std::to_string(t.samples.size()))
+                << "stream " << i;
+            EXPECT_NEAR(std::stod(got[i]["duration"]), double(t.duration) / t.timescale, 1e-3)
+                << "stream " << i;
+            i++;
+        }
+        EXPECT_EQ(decodeErrors(frag), "");
+    }
+    ASSERT_EQ(defragment(pieces, back), 0u);
+    expectSameSamples(source_tracks, tracksOf(readFile(back)));
+    expectSamePlayback(source, back, own);
+}
+
+void recordEncoderOutput(const std::string &path) {
+    Bytes h264 = readFile(dataPath("sample.h264")), aac = readFile(dataPath("sample.aac"));
+    std::vector<std::pair<size_t, size_t>> aus, frames;
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 3 < h264.size(); i++)
+        if (h264[i] == 0 && h264[i + 1] == 0 && h264[i + 2] == 1 && (h264[i + 3] & 0x1F) == 9)
+            starts.push_back(i > 0 && h264[i - 1] == 0 ? i - 1 : i);
+    for (size_t k = 0; k < starts.size(); k++)
+        aus.push_back(
+            {starts[k], (k + 1 < starts.size() ? starts[k + 1] : h264.size()) - starts[k]});
+    for (size_t i = 0; i + 7 <= aac.size();) {
+        size_t len = size_t(aac[i + 3] & 3) << 11 | size_t(aac[i + 4]) << 3 | aac[i + 5] >> 5;
+        if (len < 7 || i + len > aac.size())
+            break;
+        frames.push_back({i, len});
+        i += len;
+    }
+    ASSERT_EQ(aus.size(), 75u);
+    mp4_muxer *m = mp4_writer_create();
+    mp4_file_name_ascii(m, path.c_str());
+    mp4_video_track_create(m, AVC1, 90000, 3600, 0, 128, 96, 66, 30);
+    mp4_audio_track_create(m, MP4A, 48000, 1024, 0, 48000, 2);
+    size_t a = 0;
+    for (size_t i = 0; i < aus.size(); i++) {
+        while (a < frames.size() && a * 1024 * 25 <= i * 48000) {
+            mp4_write_track(m, 2, &aac[frames[a].first], uint32_t(frames[a].second), 1024);
+            a++;
+        }
+        mp4_write_track(m, 1, &h264[aus[i].first], uint32_t(aus[i].second), 3600);
+    }
+    for (; a < frames.size(); a++)
+        mp4_write_track(m, 2, &aac[frames[a].first], uint32_t(frames[a].second), 1024);
+    mp4_write_movie(m);
+    ASSERT_EQ(mp4_get_error(m), nullptr);
+    mp4_delete(m);
+}
+
+} // namespace
+
+TEST(RoundTrip, OwnRecordingsComeBackSampleForSample) {
+    TempDir dir;
+    // Encoder output, checked by ffprobe and ffmpeg on the way when they are installed.
+    recordEncoderOutput(dir.file("encoded.mp4"));
+    roundTrip(dir.file("encoded.mp4"), dir, true, haveProgram("ffprobe") && haveProgram("ffmpeg"));
+    // Pictures of 250 to 520 bytes: lengths 00 00 01 xx must stay lengths, not start codes.
+    Plan plan = synthetic(90, 7, 130, 10);
+    recordPlain(plan, dir.file("synthetic.mp4"));
+    size_t between = 0;
+    auto expected = expectedSamples(plan);
+    for (const Sample &s : expected[1])
+        between += s.size >= 256 && s.size <= 511;
+    EXPECT_GT(between, 50u);
+    roundTrip(dir.file("synthetic.mp4"), dir, true, false);
+}
+
+TEST(RoundTrip, FfmpegMadeMoviesComeBackSampleForSample) {
+    SKIP_WITHOUT_FFPROBE();
+    TempDir dir;
+    for (const char *name : {"h264_aac.mp4", "h264_aac_default_ts.mp4", "h264_only_faststart.mp4",
+                             "h264_aac.mov", "mp4v.mp4"})
+        roundTrip(dataPath(name), dir, false, true);
+}
+
+TEST(RoundTrip, TheCommandLineToolsGiveTheLibrarysBytes) {
+    SKIP_WITHOUT_TOOL();
+    TempDir dir;
+    std::string source = dataPath("h264_aac.mp4");
+    std::vector<Bytes> pieces;
+    Bytes stream = refragment(source, &pieces);
+    ASSERT_EQ(defragment(pieces, dir.file("api.mp4")), 0u);
+    std::string tool = quote(toolPath()), out;
+    ASSERT_EQ(run(tool + " fragment " + quote(source) + " " + quote(dir.file("f.mp4")), &out), 0)
+        << out;
+    EXPECT_EQ(readFile(dir.file("f.mp4")), stream);
+    ASSERT_EQ(run(tool + " defragment " + quote(dir.file("f.mp4")) + " " + quote(dir.file("p.mp4")),
+                  &out),
+              0)
+        << out;
+    EXPECT_EQ(readFile(dir.file("p.mp4")), readFile(dir.file("api.mp4")));
+    // A fragmented input is refused rather than fragmented again.
+    EXPECT_NE(
+        run(tool + " fragment " + quote(dir.file("f.mp4")) + " " + quote(dir.file("x.mp4")), &out),
+        0);
+    EXPECT_NE(out.find("fragmented already"), std::string::npos) << out;
+}
