@@ -350,6 +350,9 @@ bool adopt_moov(mp4_muxer *m, Box *moov) {
     w->moov = moov;
     describe_tracks(m, moov);
     describe_tracks(w, moov);
+    // A stream without an ftyp of its own still makes a file that opens with one.
+    if (muxer_pos(w) == 0)
+        write_ftyp(w);
     return true;
 }
 

@@ -509,7 +509,10 @@ TEST(Defragment, ShiftedPositionsAreRecoveredThroughTheBufferAdjustment) {
     EXPECT_EQ(said.find(failed, first + failed.size()), std::string::npos) << said;
     EXPECT_NE(said.find("defrag_callback: buffer_adjust is 64\n"), std::string::npos) << said;
 
-    std::map<uint32_t, Track> tracks = tracksOf(readFile(dir.file("plain.mp4")));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    // The stream had no ftyp; the file still opens with the writer's own.
+    EXPECT_EQ(topLevel(f), (std::vector<std::string>{"ftyp", "free", "mdat", "moov"}));
+    std::map<uint32_t, Track> tracks = tracksOf(f);
     auto expected = expectedSamples(plan);
     EXPECT_EQ(tracks[1].samples, expected[1]);
     EXPECT_EQ(tracks[2].samples, expected[2]);
@@ -927,6 +930,30 @@ TEST(Refragment, AFirstChunkOfNoPicturesMeansNoFragmentHeaderIsDue) {
     // The remuxer writes no fragment header of its own; only the final close makes one.
     EXPECT_EQ(countBoxes(stream, "moof"), 1);
     EXPECT_EQ(topLevel(stream).back(), "moof");
+}
+
+TEST(Refragment, TablesThatDisagreeAreReadWithinTheirCounts) {
+    TempDir dir;
+    Plan plan = synthetic(30, 30, 0, 0);
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    // Durations for 10 samples only, and a chunk that claims four billion samples.
+    BoxRef stts = findBox(f, "moov/trak#1/mdia/minf/stbl/stts");
+    BoxRef stsc = findBox(f, "moov/trak#1/mdia/minf/stbl/stsc");
+    ASSERT_EQ(be32(&f[stts.payload() + 4]), 1u);
+    ASSERT_EQ(be32(&f[stsc.payload() + 4]), 1u);
+    f[stts.payload() + 8 + 3] = 10;
+    memset(&f[stsc.payload() + 8 + 4], 0xFF, 4);
+    writeFile(dir.file("patched.mp4"), f);
+    uint32_t frag_samples = 0;
+    Bytes stream = refragment(dir.file("patched.mp4"), nullptr, &frag_samples);
+    EXPECT_EQ(frag_samples, 0xFFFFFFFFu);
+    std::vector<std::string> order = fragmentOrder(stream, plan);
+    std::vector<std::string> want;
+    for (int i = 0; i < 10; i++)
+        want.push_back("v" + std::to_string(i));
+    want.push_back("|");
+    EXPECT_EQ(order, want);
 }
 
 TEST(Refragment, ConstantSizePcmIsMappedByTheBytesOfAFrame) {
