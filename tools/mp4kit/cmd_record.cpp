@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <strings.h>
 #include <sys/stat.h>
@@ -22,12 +24,13 @@ namespace {
 const char *const usage_line =
     "record -o OUT(.mp4|.mov) [--h264 FILE | --mp4v FILE] [--aac FILE | --pcm FILE --rate HZ "
     "--channels N] [--fps N] [--size WxH] [--interleave TICKS] [--moov-at-start MINUTES "
-    "--update SECONDS]  (record elementary streams into a movie file)";
+    "--update SECONDS] [--fragmented N]  (record elementary streams into a movie file)";
 
 struct Options {
     std::string out, h264, mp4v, aac, pcm;
     uint32_t rate = 0, channels = 0, fps = 25, width = 0, height = 0;
     uint32_t interleave = 0, moov_minutes = 0, update_seconds = 0;
+    uint32_t fragmented = 0; // video samples per fragment (audio samples without video)
 };
 
 int fail(const std::string &message) {
@@ -99,6 +102,10 @@ int parseOptions(int argc, char **argv, Options *o) {
             if (!need("an interval in seconds") ||
                 !parseNumber(value, 1, 47721, &o->update_seconds))
                 return value ? fail(std::string("bad --update: ") + value), 2 : 2;
+        } else if (arg == "--fragmented") {
+            if (!need("a number of samples per fragment") ||
+                !parseNumber(value, 1, 1000000, &o->fragmented))
+                return value ? fail(std::string("bad --fragmented: ") + value), 2 : 2;
         } else if (arg == "--size") {
             if (!need("WxH") || !parseSize(value, &o->width, &o->height))
                 return value ? fail(std::string("bad --size (WxH expected): ") + value), 2 : 2;
@@ -120,6 +127,10 @@ int parseOptions(int argc, char **argv, Options *o) {
         return fail("--pcm needs --rate HZ and --channels N"), 2;
     if (o->update_seconds && !o->moov_minutes)
         return fail("--update goes with --moov-at-start MINUTES"), 2;
+    if (o->fragmented && (o->interleave || o->moov_minutes))
+        return fail("--fragmented goes without --interleave and --moov-at-start"), 2;
+    if (o->fragmented && !o->pcm.empty())
+        return fail("--fragmented records H.264/MPEG-4 Visual and AAC; PCM is recorded plain"), 2;
     return 0;
 }
 
@@ -159,6 +170,46 @@ class Progress {
     bool on_;
     int shown_ = -1;
 };
+
+// Fragmented output goes through a memory buffer that is emptied into the file after every
+// call: each call writes whole boxes (one sample's mdat, or a fragment header), so the buffer
+// only has to hold the largest of them.
+struct FragmentSink {
+    FILE *file = nullptr;
+    std::unique_ptr<uint8_t[]> buffer;
+    uint32_t size = 0;
+    bool ok = true;
+
+    void drain(mp4_muxer *m) {
+        uint32_t n = mp4_buf_get(m);
+        if (n && fwrite(buffer.get(), 1, n, file) != n)
+            ok = false;
+        mp4_buf_put(m, buffer.get(), size);
+    }
+};
+
+// The parameter sets of an Annex B stream behind 4-byte start codes, as the fragmented movie
+// header needs them before any sample: the first SPS and the first PPS.
+std::vector<uint8_t> h264ParameterSets(const uint8_t *d, size_t n) {
+    std::vector<uint8_t> out;
+    for (uint8_t type : {7, 8}) {
+        for (size_t i = 0; i + 3 < n; i++) {
+            if (d[i] || d[i + 1] || d[i + 2] != 1 || (d[i + 3] & 0x1F) != type)
+                continue;
+            size_t end = i + 3;
+            while (end + 2 < n && !(d[end] == 0 && d[end + 1] == 0 && d[end + 2] == 1))
+                end++;
+            if (end + 2 >= n)
+                end = n;
+            while (end > i + 4 && d[end - 1] == 0)
+                end--; // trailing zeros and the zero of a 4-byte start code
+            out.insert(out.end(), {0, 0, 0, 1});
+            out.insert(out.end(), d + i + 3, d + end);
+            break;
+        }
+    }
+    return out;
+}
 
 int run(int argc, char **argv) {
     Options o;
@@ -246,10 +297,35 @@ int run(int argc, char **argv) {
     mp4_muxer *m = mov ? mov_writer_create() : mp4_writer_create();
     if (!m)
         return fail("out of memory");
-    mp4_file_name_ascii(m, o.out.c_str());
-    if (mp4_get_error_code(m)) {
-        mp4_delete(m);
-        return fail("cannot open " + o.out + " for writing: " + strerror(errno));
+    FragmentSink sink;
+    if (o.fragmented) {
+        sink.file = fopen(o.out.c_str(), "wb");
+        if (!sink.file) {
+            mp4_delete(m);
+            return fail("cannot open " + o.out + " for writing: " + strerror(errno));
+        }
+        size_t largest = 0;
+        for (const Stream *s : {&video, &audio})
+            for (const es::Unit &u : s->units)
+                largest = u.size > largest ? u.size : largest;
+        // The largest sample, or a fragment header of every sample at once, and the movie
+        // header.
+        uint64_t want =
+            largest + 64 * uint64_t(video.units.size() + audio.units.size()) + (64u << 10);
+        sink.size = want > 0xFFFFFFFFu ? 0xFFFFFFFFu : uint32_t(want);
+        sink.buffer.reset(new (std::nothrow) uint8_t[sink.size]);
+        if (!sink.buffer) {
+            fclose(sink.file);
+            mp4_delete(m);
+            return fail("out of memory");
+        }
+        mp4_buf_put(m, sink.buffer.get(), sink.size);
+    } else {
+        mp4_file_name_ascii(m, o.out.c_str());
+        if (mp4_get_error_code(m)) {
+            mp4_delete(m);
+            return fail("cannot open " + o.out + " for writing: " + strerror(errno));
+        }
     }
     if (o.interleave)
         mp4_interleave_duration(m, o.interleave);
@@ -261,9 +337,27 @@ int run(int argc, char **argv) {
     if (audio_type)
         audio.track = mp4_audio_track_create(m, audio_type, rate, 1024, 0, rate, channels);
     if ((video_type && !video.track) || (audio_type && !audio.track)) {
+        if (sink.file) {
+            mp4_buf_get(m);
+            fclose(sink.file);
+        }
         mp4_delete(m);
         return fail("cannot create the tracks");
     }
+    if (o.fragmented) {
+        // The movie header comes before any sample, so it needs the parameter sets now.
+        std::vector<uint8_t> params;
+        if (video_type == MP4_FOURCC('a', 'v', 'c', '1'))
+            params = h264ParameterSets(video.file.data(), video.file.size());
+        else if (video_type && !video.units.empty())
+            params.assign(video.file.data() + video.units[0].offset,
+                          video.file.data() + video.units[0].offset + video.units[0].size);
+        if (params.size() >= 4)
+            mp4_set_parameter_data(m, params.data(), uint32_t(params.size()));
+        mp4_write_movie(m);
+        sink.drain(m);
+    }
+    uint32_t in_fragment = 0; // samples written since the last fragment header
 
     // Deliver in time order; video first on equal times.
     uint64_t total = video.file.size() + audio.file.size(), done = 0;
@@ -280,13 +374,32 @@ int run(int argc, char **argv) {
                                              ? uint32_t(u.size / (2 * channels))
                                              : 1024;
         mp4_write_track(m, s.track, s.file.data() + u.offset, uint32_t(u.size), duration);
+        if (o.fragmented) {
+            in_fragment++;
+            // A fragment every N pictures, or every N audio frames when there is no video.
+            if ((take_video || !video_type) &&
+                (take_video ? video.next : audio.next) % o.fragmented == 0) {
+                mp4_write_frag_header(m);
+                in_fragment = 0;
+            }
+            sink.drain(m);
+        }
         s.time += duration;
         s.bytes += u.size;
         done += u.size;
         progress.update(done);
         failed = mp4_get_error_code(m);
     }
-    mp4_write_movie(m);
+    if (!o.fragmented) {
+        mp4_write_movie(m);
+    } else {
+        if (in_fragment)
+            mp4_write_frag_header(m); // the last samples are described once their fragment closes
+        sink.drain(m);
+        mp4_buf_get(m);
+        if (fclose(sink.file) != 0 || !sink.ok)
+            failed = failed ? failed : 8;
+    }
     progress.done();
     if (!failed)
         failed = mp4_get_error_code(m);
