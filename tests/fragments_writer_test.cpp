@@ -28,7 +28,9 @@ void put64(Bytes &b, uint64_t v) {
     put32(b, uint32_t(v >> 32));
     put32(b, uint32_t(v));
 }
-void putType(Bytes &b, const char *t) { b.insert(b.end(), t, t + 4); }
+void putType(Bytes &b, const char *t) {
+    b.insert(b.end(), t, t + 4);
+}
 
 // A writer streaming into one caller buffer, with its output collected as the test goes.
 struct BufferWriter {
@@ -532,4 +534,53 @@ TEST(FragmentedRecording, EncoderOutputIsAcceptedAndDecodesCleanly) {
     EXPECT_EQ(streams[1]["nb_read_packets"], "142");
     EXPECT_NEAR(std::stod(streams[1]["duration"]), 142 * 1024 / 48000.0, 1e-6);
     EXPECT_EQ(decodeErrors(file), "");
+}
+
+TEST(FragmentedRecording, TheRecordToolClosesAFragmentEveryNPictures) {
+    SKIP_WITHOUT_TOOL();
+    SKIP_WITHOUT_FFPROBE();
+    TempDir dir;
+    std::string file = dir.file("live.mp4"), out;
+    ASSERT_EQ(run(quote(toolPath()) + " record -o " + quote(file) + " --h264 " +
+                      quote(dataPath("sample.h264")) + " --aac " + quote(dataPath("sample.aac")) +
+                      " --fps 25 --fragmented 25",
+                  &out),
+              0)
+        << out;
+    Bytes f = readFile(file);
+    std::vector<std::string> top = topLevel(f);
+    ASSERT_GE(top.size(), 2u);
+    EXPECT_EQ(top[0], "ftyp");
+    EXPECT_EQ(top[1], "moov");
+    // Three fragments of 25 pictures each, and one for the audio that outlasts the last picture.
+    EXPECT_EQ(std::count(top.begin(), top.end(), "moof"), 4);
+    EXPECT_EQ(top.back(), "moof");
+    size_t pictures = 0, with_pictures = 0;
+    for (size_t i = 2; i < top.size(); i++) {
+        if (top[i] != "moof")
+            continue;
+        BoxRef moof = boxesIn(f, 0, f.size())[i].second;
+        for (auto &traf : boxesIn(f, moof.payload(), moof.end()))
+            if (traf.first == "traf" && be32(&f[traf.second.payload() + 12]) == 1)
+                pictures = boxesIn(f, traf.second.payload(), traf.second.end()).size() - 1;
+        if (pictures) {
+            EXPECT_EQ(pictures, 25u) << "fragment ending at box " << i;
+            with_pictures++;
+        }
+        pictures = 0;
+    }
+    EXPECT_EQ(with_pictures, 3u);
+    std::vector<Fields> streams;
+    std::string errors;
+    ASSERT_TRUE(probeStreams(file, &streams, &errors)) << errors;
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_EQ(streams[0]["nb_read_packets"], "75");
+    EXPECT_EQ(streams[1]["nb_read_packets"], "142");
+    EXPECT_EQ(decodeErrors(file), "");
+    // PCM has no fragmented form here.
+    EXPECT_EQ(run(quote(toolPath()) + " record -o " + quote(dir.file("pcm.mp4")) + " --pcm " +
+                      quote(dataPath("sample_s16le.pcm")) +
+                      " --rate 48000 --channels 2 --fragmented 10",
+                  &out),
+              2);
 }
