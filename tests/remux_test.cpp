@@ -956,6 +956,34 @@ TEST(Refragment, TablesThatDisagreeAreReadWithinTheirCounts) {
     EXPECT_EQ(order, want);
 }
 
+TEST(Refragment, ASampleThatCannotBeHeldIsLostWithErrorTwo) {
+    TempDir dir;
+    Plan plan = synthetic(10, 10, 0, 0);
+    recordPlain(plan, dir.file("plain.mp4"));
+    mp4_muxer *h = mp4_refrag_create();
+    mp4_file_name_ascii(h, dir.file("plain.mp4").c_str());
+    Bytes buffer(1 << 20), stream;
+    // One call per picture, and a few more that find nothing left.
+    for (int call = 0; call < 14; call++) {
+        if (call == 1)
+            mp4_alloc_fail_after(0); // the second picture's bytes cannot be allocated
+        mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+        mp4_remux(h);
+        mp4_alloc_fail_after(-1);
+        uint32_t n = mp4_buf_get(h);
+        stream.insert(stream.end(), buffer.begin(), buffer.begin() + n);
+    }
+    EXPECT_EQ(mp4_get_error_code(h), 2u);
+    EXPECT_STREQ(mp4_get_error(h), "failed to allocate memory");
+    mp4_delete(h);
+    std::vector<std::string> want;
+    for (int i = 0; i < 10; i++)
+        if (i != 1)
+            want.push_back("v" + std::to_string(i));
+    want.push_back("|");
+    EXPECT_EQ(fragmentOrder(stream, plan), want);
+}
+
 TEST(Refragment, ConstantSizePcmIsMappedByTheBytesOfAFrame) {
     SKIP_WITHOUT_FFPROBE();
     TempDir dir;
