@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     mp4_is_fragmented(m);
     // Large enough for any movie header a fuzz input can describe: an overflowing buffer stalls
     // one second per write by design, which would only slow the fuzzer down.
-    std::vector<uint8_t> out(16 << 20);
+    static std::vector<uint8_t> out(16 << 20);
     for (int i = 0; i < 5000; i++) {
         mp4_buf_put(m, out.data(), uint32_t(out.size()));
         mp4_remux(m);
