@@ -36,6 +36,9 @@ void write_interleaved_track(mp4_muxer *m, uint32_t track_id);
 // ---- writer/moov_at_start.cpp ----------------------------------------------------------------
 void setup_moov_at_start(mp4_muxer *m);
 void update_moov_atom(mp4_muxer *m, uint32_t duration);
+// Whether the movie as it now stands can be written into the region reserved at the start: it
+// fills the region exactly or leaves room for a padding box behind it.
+bool moov_fits_reservation(mp4_muxer *m);
 
 // ---- writer/fragments.cpp --------------------------------------------------------------------
 // The fragmented movie header written by mp4_write_movie on a handle without a movie tree.

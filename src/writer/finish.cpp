@@ -388,12 +388,14 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
 
     uint64_t media_end = end;
     bool at_start = false;
-    if (m->max_moov_size) {
+    // A region exists only when the first sample reserved it (data_pos is set then).
+    if (m->max_moov_size && m->moov->data_pos >= 8) {
         uint64_t here = muxer_pos(m);
         muxer_seek(m, m->moov->data_pos - 8);
         printf("max_moov_size=%u moov_interval=%u moov->size=%lu\n", m->max_moov_size,
                m->moov_interval, (unsigned long)m->moov->size);
-        if (m->moov_full) {
+        // The movie may have grown past the region since the last update, or had none.
+        if (m->moov_full || !moov_fits_reservation(m)) {
             // The movie outgrew its room: blank the room, the movie goes to the end.
             DataBox pad{};
             pad.type = (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");

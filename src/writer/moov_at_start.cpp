@@ -2,6 +2,11 @@
 // in place as the recording goes, so that a recording cut off at any moment stays playable.
 #include "internal.h"
 
+#include <cerrno>
+#include <cstring>
+#include <initializer_list>
+#include <unistd.h>
+
 extern "C" void mp4_set_moov_mode(mp4_muxer *m, uint32_t max_moov_size, uint32_t interval) {
     if (!m)
         return;
@@ -14,7 +19,10 @@ extern "C" void mp4_set_moov_max_duration(mp4_muxer *m, uint32_t max_minutes,
     if (!m)
         return;
     m->moov_max_minutes = max_minutes;
-    m->moov_interval = max_minutes ? uint32_t(uint64_t(interval_seconds) * 90000) : 0;
+    // An interval beyond what the field holds saturates instead of wrapping to a short one,
+    // which would rewrite the movie far more often than asked.
+    uint64_t ticks = uint64_t(interval_seconds) * 90000;
+    m->moov_interval = max_minutes ? (ticks > 0xFFFFFFFFu ? 0xFFFFFFFFu : uint32_t(ticks)) : 0;
     printf("%s: max_minutes=%u interval_seconds=%u\n", "mp4_set_moov_max_duration", max_minutes,
            interval_seconds);
 }
@@ -22,6 +30,43 @@ extern "C" void mp4_set_moov_max_duration(mp4_muxer *m, uint32_t max_minutes,
 // Frames in max_minutes of a track of `timescale` ticks per second and `dur` ticks per frame.
 static uint32_t frames_for(uint32_t minutes, uint32_t timescale, uint32_t dur) {
     return uint32_t(uint64_t(minutes) * timescale * 60 / dur);
+}
+
+static uint32_t padding_type(const mp4_muxer *m) {
+    return (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");
+}
+
+// The exact size the movie codes to as it now stands at `at`, found by coding it into a handle
+// that has no output. The prediction of checkBoxSize cannot serve: the reservation size sits in
+// the movie node, and sample entries without a layout (subtitles) are left out of it.
+static uint64_t coded_movie_size(mp4_muxer *m, uint64_t at) {
+    mp4_muxer *probe = mp4_writer_create();
+    if (!probe)
+        return checkBoxSize(m->moov);
+    probe->flags |= uint8_t(m->flags & MP4_MOV);
+    probe->pos = probe->max_pos = at;
+    Box *moov = m->moov;
+    const uint64_t reserved = moov->size;
+    const uint8_t node_flags = moov->node_flags;
+    moov->node_flags |= BOX_AUTO_SIZE;
+    rwBox(probe, moov);
+    const uint64_t size = probe->pos - at;
+    moov->size = reserved;
+    moov->node_flags = node_flags;
+    mp4_delete(probe);
+    return size;
+}
+
+static bool fits(const mp4_muxer *m, uint64_t size) {
+    // The codec pads a fixed-size box only when more than 8 bytes are left; a smaller gap would
+    // leave stale bytes inside the movie box, where a reader may take them for a child box.
+    return size == m->max_moov_size || size + 8 < m->max_moov_size;
+}
+
+bool moov_fits_reservation(mp4_muxer *m) {
+    if (!m->moov || m->max_moov_size == 0 || m->moov->data_pos < 8)
+        return false;
+    return fits(m, coded_movie_size(m, m->moov->data_pos - 8));
 }
 
 void setup_moov_at_start(mp4_muxer *m) {
@@ -55,10 +100,108 @@ void setup_moov_at_start(mp4_muxer *m) {
         m->moov_interval = 0;
         return;
     }
+    const uint64_t at = muxer_pos(m);
+    const uint64_t size = coded_movie_size(m, at);
+    if (!fits(m, size)) {
+        // Not even the empty movie fits: the mode is abandoned at once, as an update would.
+        printf("%s: movie of %lu bytes does not fit the %u bytes reserved\n",
+               "setup_moov_at_start", (unsigned long)size, m->max_moov_size);
+        m->error = MP4_ERR_OVERFLOW;
+        m->moov_interval = 0;
+        if (m->max_moov_size < 8) {
+            m->max_moov_size = 0; // no room for any box: nothing is reserved
+            return;
+        }
+        // The region is held by a padding box, which the finish rewrites over the same bytes
+        // (it finds the region through the movie's position).
+        m->moov_full = 1;
+        m->moov->data_pos = at + 8;
+        DataBox pad{};
+        pad.type = padding_type(m);
+        pad.size = m->max_moov_size;
+        rwBox(m, &pad);
+        return;
+    }
     m->moov->size = m->max_moov_size;
     m->moov->node_flags &= uint8_t(~BOX_AUTO_SIZE);
     rwBox(m, m->moov);
     m->moov_countdown = m->moov_interval;
+}
+
+static void put_be32(uint8_t *p, uint32_t v) {
+    p[0] = uint8_t(v >> 24);
+    p[1] = uint8_t(v >> 16);
+    p[2] = uint8_t(v >> 8);
+    p[3] = uint8_t(v);
+}
+
+// Puts n bytes at `at` on the output in one write. A stdio stream would cut them into
+// buffer-sized writes, so its buffer is flushed and the bytes go to its descriptor directly,
+// which leaves the stream's own position alone.
+static void write_region(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint32_t n) {
+    if (m->fp && fileno(m->fp) >= 0 && (!m->fp2 || fileno(m->fp2) >= 0)) {
+        flush_output(m);
+        bool done = true;
+        for (FILE *f : {m->fp, m->fp2}) {
+            if (!f)
+                continue;
+            uint32_t put = 0;
+            while (done && put < n) {
+                ssize_t w = pwrite64(fileno(f), bytes + put, n - put, off64_t(at + put));
+                if (w < 0 && errno == EINTR)
+                    continue;
+                if (w <= 0)
+                    done = false;
+                else
+                    put += uint32_t(w);
+            }
+        }
+        if (done)
+            return;
+        // Whatever went wrong is met and reported again by the stream's own write.
+    }
+    muxer_seek(m, at);
+    write_n(m, bytes, int32_t(n));
+}
+
+// Writes the movie of `size` bytes into the reserved region at `at` with one write to the
+// output: the movie is coded into memory first, followed by the header of the padding box that
+// covers the rest of the region (its payload needs no rewriting). A process killed during an
+// update thus leaves the old movie or the new one, not a mixture of the two. False when the
+// memory path is not available; nothing has been written then.
+static bool write_movie_at_once(mp4_muxer *m, uint64_t at, uint64_t size) {
+    const uint64_t n = size + (size < m->max_moov_size ? 8 : 0);
+    if (n > 0x7FFFFFFF)
+        return false; // beyond what one write carries
+    auto *bytes = static_cast<uint8_t *>(mp4_calloc(size_t(n), 1));
+    if (!bytes)
+        return false;
+    mp4_muxer *scratch = mp4_writer_create();
+    if (!scratch) {
+        mp4_free(bytes);
+        return false;
+    }
+    scratch->flags |= uint8_t(m->flags & (MP4_MOV | MP4_DEBUG));
+    scratch->pos = scratch->max_pos = at; // the boxes keep the positions they have in the file
+    mp4_buf_put(scratch, bytes, uint32_t(n));
+    // Coded at its own size, so that the codec adds no padding; the region's size goes into the
+    // header afterwards.
+    m->moov->size = size;
+    rwBox(scratch, m->moov);
+    m->moov->size = m->max_moov_size;
+    const bool coded = scratch->error == 0 && scratch->pos == at + size;
+    mp4_buf_get(scratch);
+    mp4_delete(scratch);
+    if (coded) {
+        put_be32(bytes, m->max_moov_size);
+        if (size < m->max_moov_size) {
+            put_be32(bytes + size, uint32_t(m->max_moov_size - size));
+            put_be32(bytes + size + 4, padding_type(m));
+        }
+        write_region(m, at, bytes, uint32_t(n));
+    }
+    mp4_free(bytes);
+    return coded;
 }
 
 void update_moov_atom(mp4_muxer *m, uint32_t duration) {
@@ -66,14 +209,15 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration) {
         m->moov_countdown -= duration;
         return;
     }
-    if (!m->moov || m->max_moov_size == 0) {
+    // No region to update: the mode was never entered (the output already held bytes at the
+    // first sample) or has been given up.
+    if (!m->moov || m->max_moov_size == 0 || m->moov_full || m->moov->data_pos < 8) {
         m->moov_interval = 0;
         return;
     }
-    // The size the movie occupies as it now stands. The moov node's own size holds the
-    // reservation in this mode, so the tree is measured instead.
-    uint64_t size = checkBoxSize(m->moov);
-    if (size > m->max_moov_size) {
+    const uint64_t at = m->moov->data_pos - 8;
+    const uint64_t size = coded_movie_size(m, at);
+    if (!fits(m, size)) {
         // Written now it would run past the reservation into the media data behind it: give
         // up before writing, so that the last movie written stays valid.
         m->moov_interval = 0;
@@ -82,10 +226,14 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration) {
         return;
     }
     uint64_t here = muxer_pos(m);
+    // The samples and the media data size reach the file before the movie that counts them.
     if (m->mdat)
         updateBoxSize(m, m->mdat);
-    muxer_seek(m, m->moov->data_pos - 8);
-    rwBox(m, m->moov);
+    flush_output(m);
+    if (!write_movie_at_once(m, at, size)) {
+        muxer_seek(m, at);
+        rwBox(m, m->moov);
+    }
     muxer_seek(m, here);
     flush_output(m);
 
@@ -97,7 +245,9 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration) {
     }
     if (m->moov_interval == 0)
         return;
-    while (m->moov_countdown <= duration)
-        m->moov_countdown += m->moov_interval;
-    m->moov_countdown -= duration;
+    // The next update is due once the video has advanced by whole intervals past this sample.
+    uint64_t countdown = m->moov_countdown;
+    if (countdown <= duration)
+        countdown += uint64_t(m->moov_interval) * ((duration - countdown) / m->moov_interval + 1);
+    m->moov_countdown = uint32_t(countdown - duration);
 }

@@ -1,0 +1,648 @@
+// The movie header kept at the start of the file: the size estimate and its messages, the
+// setters, the update schedule and what each update leaves on disk, the finish in place or at
+// the end, and reservations too small to use.
+#include "internal.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <set>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using test_util::be32;
+using test_util::be64;
+
+// ---- the sample streams ----------------------------------------------------------------------
+
+struct Streams {
+    Bytes h264 = test_util::readFile(test_util::dataPath("sample.h264"));
+    Bytes aac = test_util::readFile(test_util::dataPath("sample.aac"));
+    std::vector<std::pair<size_t, size_t>> units = test_util::splitAtDelimiters(h264);
+    std::vector<std::pair<size_t, size_t>> frames = test_util::splitAdtsFrames(aac);
+    size_t audio = 0; // frames delivered
+
+    // Video unit i (25 fps, 3600 ticks) and then the audio due by the end of that frame; the
+    // streams repeat for recordings longer than they are.
+    void step(mp4_muxer *m, size_t i) {
+        video(m, i);
+        audioDue(m, i);
+    }
+    void video(mp4_muxer *m, size_t i) {
+        const auto &u = units[i % units.size()];
+        mp4_write_track(m, 1, h264.data() + u.first, uint32_t(u.second), 3600);
+    }
+    void audioDue(mp4_muxer *m, size_t i) {
+        while (uint64_t(audio) * 1024 * 90000 < uint64_t(i + 1) * 3600 * 48000) {
+            const auto &f = frames[audio % frames.size()];
+            mp4_write_track(m, 2, aac.data() + f.first, uint32_t(f.second), 1024);
+            audio++;
+        }
+    }
+};
+
+mp4_muxer *newRecording(const std::string &path, bool mov = false) {
+    mp4_muxer *m = mov ? mov_writer_create() : mp4_writer_create();
+    mp4_file_name_ascii(m, path.c_str());
+    return m;
+}
+
+void addTracks(mp4_muxer *m) {
+    mp4_video_track_create(m, fourcc("avc1"), 90000, 3600, 0, 128, 96, 66, 11);
+    mp4_audio_track_create(m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
+}
+
+// ---- the file's bytes --------------------------------------------------------------------------
+
+// Samples of track n as the movie in the file lists them (0 when it lists none).
+uint32_t samplesListed(const Bytes &f, int n) {
+    test_util::BoxRef stsz =
+        test_util::findBox(f, "moov/trak#" + std::to_string(n) + "/mdia/minf/stbl/stsz");
+    return stsz.found ? be32(&f[stsz.payload() + 8]) : 0;
+}
+
+uint64_t mdatSize(const Bytes &f) {
+    test_util::BoxRef mdat = test_util::findBox(f, "mdat");
+    return mdat.found ? mdat.size : 0;
+}
+
+// Types of the movie box's children.
+std::vector<std::string> movieChildren(const Bytes &f, const test_util::BoxRef &moov) {
+    std::vector<std::string> out;
+    for (auto &kv : test_util::boxesIn(f, moov.payload(), moov.end()))
+        out.push_back(kv.first);
+    return out;
+}
+
+void expectPlays(const std::string &path, const std::string &video_frames,
+                 const std::string &audio_frames) {
+    std::vector<test_util::Fields> streams;
+    std::string errors;
+    ASSERT_TRUE(test_util::probeStreams(path, &streams, &errors)) << errors;
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_EQ(streams[0]["codec_name"], "h264");
+    EXPECT_EQ(streams[0]["nb_frames"], video_frames);
+    EXPECT_EQ(streams[1]["codec_name"], "aac");
+    EXPECT_EQ(streams[1]["nb_frames"], audio_frames);
+    EXPECT_EQ(test_util::decodeErrors(path), "");
+}
+
+// Bytes of the movie written at the first sample with a reservation large enough for it: the
+// content before its padding.
+uint64_t emptyMovieSize(bool mov = false) {
+    test_util::TempDir dir;
+    mp4_muxer *m = newRecording(dir.file("probe.mp4"), mov);
+    mp4_set_moov_mode(m, 65536, 0);
+    addTracks(m);
+    Streams s;
+    s.step(m, 0);
+    mp4_delete(m);
+    Bytes f = test_util::readFile(dir.file("probe.mp4"));
+    test_util::BoxRef pad = test_util::findBox(f, mov ? "moov/wide" : "moov/free");
+    test_util::BoxRef moov = test_util::findBox(f, "moov");
+    return pad.offset - moov.offset;
+}
+
+// ---- the estimate ------------------------------------------------------------------------------
+
+TEST(MoovEstimate, SixtyMinutesOfVideoAndAudioReserve3047424Bytes) {
+    test_util::TempDir dir;
+    const std::string path = dir.file("est.mp4");
+    mp4_muxer *m = newRecording(path);
+    testing::internal::CaptureStdout();
+    mp4_set_moov_max_duration(m, 60, 10);
+    mp4_video_track_create(m, fourcc("avc1"), 90000, 3000, 0, 128, 96, 66, 11);
+    mp4_audio_track_create(m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
+    Streams s;
+    s.step(m, 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "mp4_set_moov_max_duration: max_minutes=60 interval_seconds=10\n"
+                   "video_dur=3000 timescale=90000 track=0\n"
+                   "audio_dur=1024 timescale=48000 track=1\n"
+                   "setup_moov_at_start: max_minutes=60 video_dur=3000 audio_dur=1024 "
+                   "next_track_id=3\n"
+                   "setup_moov_at_start: video_frames=108000 audio_frames=168750 "
+                   "est_size=3047424\n");
+    EXPECT_EQ(m->max_moov_size, 3047424u);
+    EXPECT_EQ(m->moov_interval, 900000u);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+    // The reservation follows the file type box: the empty movie, padded to its size.
+    Bytes f = test_util::readFile(path);
+    std::vector<std::string> top = test_util::topLevel(f);
+    ASSERT_GE(top.size(), 4u);
+    EXPECT_EQ(std::vector<std::string>(top.begin(), top.begin() + 4),
+              (std::vector<std::string>{"ftyp", "moov", "free", "mdat"}));
+    test_util::BoxRef moov = test_util::findBox(f, "moov");
+    EXPECT_EQ(moov.offset, test_util::findBox(f, "ftyp").end());
+    EXPECT_EQ(moov.size, 3047424u);
+    EXPECT_EQ(movieChildren(f, moov),
+              (std::vector<std::string>{"mvhd", "iods", "trak", "trak", "free"}));
+    EXPECT_EQ(samplesListed(f, 1), 0u);
+}
+
+TEST(MoovEstimate, WithoutVideoOrAudioTracksTheDefaultsReserve4325376Bytes) {
+    test_util::TempDir dir;
+    const std::string path = dir.file("est.mp4");
+    mp4_muxer *m = newRecording(path);
+    testing::internal::CaptureStdout();
+    mp4_set_moov_max_duration(m, 60, 10);
+    uint32_t sub = mp4_subtitle_track_create(m, fourcc("mp4s"), "Subtitles", 90000, 3600, 0, 720,
+                                             576, nullptr);
+    const uint8_t packet[] = {0, 8, 'h', 'e', 'l', 'l', 'o', 0};
+    mp4_write_track(m, sub, packet, sizeof packet, 3600);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "mp4_set_moov_max_duration: max_minutes=60 interval_seconds=10\n"
+                   "setup_moov_at_start: max_minutes=60 video_dur=1501 audio_dur=1920 "
+                   "next_track_id=2\n"
+                   "setup_moov_at_start: video_frames=215856 audio_frames=168750 "
+                   "est_size=4325376\n");
+    EXPECT_EQ(m->max_moov_size, 4325376u);
+    mp4_delete(m);
+    Bytes f = test_util::readFile(path);
+    EXPECT_EQ(test_util::findBox(f, "moov").size, 4325376u);
+    EXPECT_TRUE(test_util::findBox(f, "moov/trak/mdia/minf/stbl/stsd/mp4s").found);
+}
+
+TEST(MoovEstimate, TracksWithoutADefaultDurationKeepTheDefaults) {
+    test_util::TempDir dir;
+    mp4_muxer *m = newRecording(dir.file("est.mp4"));
+    mp4_set_moov_max_duration(m, 1, 1);
+    mp4_video_track_create(m, fourcc("avc1"), 90000, 0, 0, 128, 96, 66, 11);
+    mp4_audio_track_create(m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
+    testing::internal::CaptureStdout();
+    Streams s;
+    s.step(m, 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    // One minute: 5400000 / 1501 = 3597 video frames, 2812 audio frames.
+    EXPECT_NE(out.find("video_frames=3597 audio_frames=2812 est_size=131072"), std::string::npos)
+        << out;
+    EXPECT_EQ(out.find("video_dur=0"), std::string::npos);
+    mp4_delete(m);
+}
+
+// ---- the setters -------------------------------------------------------------------------------
+
+TEST(MoovSetters, SizeZeroTurnsTheModeOffAtTheFirstSample) {
+    test_util::TempDir dir;
+    const std::string path = dir.file("off.mp4");
+    mp4_muxer *m = newRecording(path);
+    mp4_set_moov_mode(m, 0, 90000);
+    EXPECT_EQ(m->moov_interval, 90000u);
+    addTracks(m);
+    Streams s;
+    for (size_t i = 0; i < 30; i++)
+        s.step(m, i);
+    EXPECT_EQ(m->moov_interval, 0u);
+    EXPECT_EQ(m->max_moov_size, 0u);
+    mp4_write_movie(m);
+    mp4_delete(m);
+    Bytes f = test_util::readFile(path);
+    EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"ftyp", "free", "mdat", "moov"}));
+}
+
+TEST(MoovSetters, MaxDurationZeroKeepsTheSizeSetBeforeAndNeverUpdates) {
+    SKIP_WITHOUT_FFPROBE();
+    test_util::TempDir dir;
+    const std::string path = dir.file("fixed.mp4");
+    FILE *fp = fopen(path.c_str(), "w+b");
+    mp4_muxer *m = mp4_writer_create();
+    mp4_file_pointer(m, fp);
+    mp4_set_moov_mode(m, 65536, 9000);
+    testing::internal::CaptureStdout();
+    mp4_set_moov_max_duration(m, 0, 10);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "mp4_set_moov_max_duration: max_minutes=0 interval_seconds=10\n");
+    EXPECT_EQ(m->moov_interval, 0u);
+    EXPECT_EQ(m->max_moov_size, 65536u);
+    addTracks(m);
+    Streams s;
+    for (size_t i = 0; i < 75; i++)
+        s.step(m, i);
+    // Reserved, but the movie on disk is still the empty one and the media data size unset.
+    fflush(fp);
+    Bytes before = test_util::readFile(path);
+    EXPECT_EQ(test_util::findBox(before, "moov").size, 65536u);
+    EXPECT_EQ(samplesListed(before, 1), 0u);
+    EXPECT_EQ(samplesListed(before, 2), 0u);
+    EXPECT_EQ(mdatSize(before), 8u);
+    mp4_write_movie(m);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+    fclose(fp);
+    Bytes f = test_util::readFile(path);
+    EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"ftyp", "moov", "free", "mdat"}));
+    EXPECT_EQ(test_util::findBox(f, "moov").size, 65536u);
+    EXPECT_EQ(samplesListed(f, 1), 75u);
+    expectPlays(path, "75", std::to_string(s.audio));
+}
+
+TEST(MoovSetters, IntervalsBeyondTheFieldSaturate) {
+    mp4_muxer *m = mp4_writer_create();
+    testing::internal::CaptureStdout();
+    mp4_set_moov_max_duration(m, 60, 10);
+    EXPECT_EQ(m->moov_interval, 900000u);
+    mp4_set_moov_max_duration(m, 60, 50000); // 4.5e9 ticks
+    EXPECT_EQ(m->moov_interval, 0xFFFFFFFFu);
+    testing::internal::GetCapturedStdout();
+    mp4_set_moov_mode(nullptr, 1, 1);
+    mp4_set_moov_max_duration(nullptr, 1, 1);
+    mp4_delete(m);
+}
+
+// ---- updates -----------------------------------------------------------------------------------
+
+TEST(MoovUpdates, AfterTheVideoSampleThatReachesEachIntervalTheFileHoldsEverythingWritten) {
+    SKIP_WITHOUT_FFPROBE();
+    test_util::TempDir dir;
+    const std::string path = dir.file("updated.mp4");
+    mp4_muxer *m = newRecording(path);
+    mp4_set_moov_mode(m, 65536, 9000); // every 0.1 s of video: 2.5 frames
+    addTracks(m);
+    Streams s;
+    // What the last update put on disk: samples listed and the media data size.
+    uint32_t video_listed = 0, audio_listed = 0;
+    uint64_t mdat_size = 8;
+    const size_t frames = 150; // the streams twice
+    for (size_t i = 0; i < frames; i++) {
+        const uint64_t k = i + 1; // frames written after this one
+        s.video(m, i);
+        // An update follows the frame with which the video time reaches a multiple of 9000,
+        // and covers everything written so far.
+        if (k * 3600 / 9000 > (k - 1) * 3600 / 9000) {
+            video_listed = uint32_t(k);
+            audio_listed = uint32_t(s.audio);
+            mdat_size = m->mdat->size;
+        }
+        s.audioDue(m, i);
+        Bytes f = test_util::readFile(path);
+        ASSERT_EQ(samplesListed(f, 1), video_listed) << "after frame " << k;
+        ASSERT_EQ(samplesListed(f, 2), audio_listed) << "after frame " << k;
+        ASSERT_EQ(mdatSize(f), mdat_size) << "after frame " << k;
+        EXPECT_EQ(test_util::findBox(f, "moov").size, 65536u);
+        if (k == 103) {
+            // A copy taken now is a recording cut off after the update at frame 103, with the
+            // audio written since behind its media data.
+            ASSERT_EQ(video_listed, 103u);
+            const std::string cut = dir.file("cut.mp4");
+            test_util::writeFile(cut, f);
+            expectPlays(cut, "103", std::to_string(audio_listed));
+        }
+    }
+    mp4_write_movie(m);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+    Bytes f = test_util::readFile(path);
+    EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"ftyp", "moov", "free", "mdat"}));
+    EXPECT_EQ(samplesListed(f, 1), frames);
+    expectPlays(path, std::to_string(frames), std::to_string(s.audio));
+}
+
+TEST(MoovUpdates, TheCountdownAdvancesInWholeIntervalsPastALongSample) {
+    test_util::TempDir dir;
+    mp4_muxer *m = newRecording(dir.file("countdown.mp4"));
+    mp4_set_moov_mode(m, 65536, 1000);
+    addTracks(m);
+    Streams s;
+    const auto &u = s.units[0];
+    auto video = [&](uint32_t duration) {
+        mp4_write_track(m, 1, s.h264.data() + u.first, uint32_t(u.second), duration);
+    };
+    video(2500); // reaches the countdown of 1000: update, then 500 left of the next intervals
+    EXPECT_EQ(m->moov_countdown, 500u);
+    video(400);
+    EXPECT_EQ(m->moov_countdown, 100u);
+    video(100); // reaching it exactly is enough
+    EXPECT_EQ(m->moov_countdown, 1000u);
+    m->moov_interval = 1;
+    video(0xFFFFFFFFu); // one step, however many intervals the sample spans
+    EXPECT_EQ(m->moov_countdown, 1u);
+    mp4_delete(m);
+}
+
+// Write system calls of this process so far, or -1 when the kernel does not tell.
+long writeCalls() {
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    long value;
+    while (io >> key >> value)
+        if (key == "syscw:")
+            return value;
+    return -1;
+}
+
+TEST(MoovUpdates, AnUpdateReachesTheFileInTwoWritesTheMediaSizeAndTheMovie) {
+    if (writeCalls() < 0)
+        GTEST_SKIP() << "/proc/self/io is not readable here";
+    for (int stdio = 0; stdio < 2; stdio++) {
+        SCOPED_TRACE(stdio ? "unbuffered stdio stream" : "file descriptor");
+        test_util::TempDir dir;
+        const std::string path = dir.file("writes.mp4");
+        mp4_muxer *m = mp4_writer_create();
+        int fd = -1;
+        FILE *fp = nullptr;
+        if (stdio) {
+            fp = fopen(path.c_str(), "w+b");
+            setvbuf(fp, nullptr, _IONBF, 0); // every stream write becomes a system call
+            mp4_file_pointer(m, fp);
+        } else {
+            fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+            mp4_file_descriptor(m, fd);
+        }
+        mp4_set_moov_mode(m, 65536, 10800); // an update after every third frame
+        addTracks(m);
+        Streams s;
+        const auto &p = s.units[1]; // a frame of one slice, stored alike every time
+        auto frame = [&] {
+            long before = writeCalls();
+            mp4_write_track(m, 1, s.h264.data() + p.first, uint32_t(p.second), 3600);
+            return writeCalls() - before;
+        };
+        s.step(m, 0);            // 7200 ticks left
+        long plain = frame();    // 3600 left
+        long updating = frame(); // reaches the countdown
+        EXPECT_EQ(m->moov_countdown, 10800u);
+        EXPECT_EQ(updating - plain, 2);
+        Bytes f = test_util::readFile(path);
+        EXPECT_EQ(samplesListed(f, 1), 3u);
+        mp4_delete(m);
+        if (fp)
+            fclose(fp);
+        if (fd >= 0)
+            close(fd);
+    }
+}
+
+TEST(MoovUpdates, AStreamWithoutADescriptorIsUpdatedThroughItsOwnWrites) {
+    std::vector<char> buf(1 << 20);
+    FILE *fp = fmemopen(buf.data(), buf.size(), "w+b");
+    ASSERT_NE(fp, nullptr);
+    ASSERT_LT(fileno(fp), 0);
+    mp4_muxer *m = mp4_writer_create();
+    mp4_file_pointer(m, fp);
+    mp4_set_moov_mode(m, 65536, 9000);
+    addTracks(m);
+    Streams s;
+    for (size_t i = 0; i < 10; i++)
+        s.step(m, i);
+    fflush(fp);
+    Bytes f(buf.begin(), buf.begin() + long(ftell(fp)));
+    EXPECT_EQ(samplesListed(f, 1), 10u); // the update after frame 10
+    EXPECT_EQ(test_util::findBox(f, "moov").size, 65536u);
+    EXPECT_EQ(movieChildren(f, test_util::findBox(f, "moov")).back(), "free");
+    mp4_delete(m);
+    fclose(fp);
+}
+
+// ---- the finish ----------------------------------------------------------------------------------
+
+TEST(MoovFinish, WithinTheReservationTheMovieStaysAtTheStartPadded) {
+    SKIP_WITHOUT_FFPROBE();
+    for (bool mov : {false, true}) {
+        SCOPED_TRACE(mov ? "QuickTime" : "MP4");
+        test_util::TempDir dir;
+        const std::string path = dir.file(mov ? "in.mov" : "in.mp4");
+        mp4_muxer *m = newRecording(path, mov);
+        testing::internal::CaptureStdout();
+        mp4_set_moov_max_duration(m, 1, 1);
+        addTracks(m);
+        Streams s;
+        for (size_t i = 0; i < 75; i++)
+            s.step(m, i);
+        mp4_write_movie(m);
+        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_NE(out.find("est_size=98304"), std::string::npos) << out;
+        EXPECT_NE(out.find("max_moov_size=98304 moov_interval=90000 moov->size=98304\n"),
+                  std::string::npos)
+            << out;
+        EXPECT_EQ(mp4_get_error_code(m), 0u);
+        mp4_delete(m);
+        Bytes f = test_util::readFile(path);
+        const std::string pad = mov ? "wide" : "free";
+        EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"ftyp", "moov", pad, "mdat"}));
+        test_util::BoxRef moov = test_util::findBox(f, "moov");
+        EXPECT_EQ(moov.size, 98304u);
+        std::vector<std::string> children = movieChildren(f, moov);
+        EXPECT_EQ(children.back(), pad);
+        EXPECT_EQ(test_util::boxesIn(f, moov.payload(), moov.end()).back().second.end(),
+                  moov.end());
+        EXPECT_EQ(test_util::findBox(f, "mdat").end(), f.size());
+        expectPlays(path, "75", std::to_string(s.audio));
+    }
+}
+
+// The layout and the playback of a recording whose movie went to the end.
+void expectMovieAtTheEnd(const std::string &path, uint32_t reserved, bool mov, size_t frames,
+                         size_t audio) {
+    Bytes f = test_util::readFile(path);
+    const std::string pad = mov ? "wide" : "free";
+    EXPECT_EQ(test_util::topLevel(f),
+              (std::vector<std::string>{"ftyp", pad, pad, "mdat", "moov"}));
+    std::vector<std::pair<std::string, test_util::BoxRef>> top =
+        test_util::boxesIn(f, 0, f.size());
+    ASSERT_EQ(top.size(), 5u);
+    EXPECT_EQ(top[1].second.size, reserved);
+    // The region is blank: nothing of the movie written there stays.
+    EXPECT_TRUE(std::all_of(f.begin() + long(top[1].second.payload()),
+                            f.begin() + long(top[1].second.end()), [](uint8_t b) { return !b; }));
+    EXPECT_EQ(top[4].second.end(), f.size());
+    expectPlays(path, std::to_string(frames), std::to_string(audio));
+}
+
+TEST(MoovFinish, AMovieOutgrowingTheReservationAtAnUpdateGoesToTheEnd) {
+    SKIP_WITHOUT_FFPROBE();
+    for (bool mov : {false, true}) {
+        SCOPED_TRACE(mov ? "QuickTime" : "MP4");
+        const uint64_t empty = emptyMovieSize(mov);
+        test_util::TempDir dir;
+        const std::string path = dir.file(mov ? "out.mov" : "out.mp4");
+        FILE *fp = fopen(path.c_str(), "w+b");
+        mp4_muxer *m = mov ? mov_writer_create() : mp4_writer_create();
+        mp4_file_pointer(m, fp);
+        const uint32_t reserved = uint32_t(empty + 16); // the first update does not fit
+        mp4_set_moov_mode(m, reserved, 9000);
+        addTracks(m);
+        Streams s;
+        for (size_t i = 0; i < 3; i++)
+            s.step(m, i);
+        // Given up before writing: the region still holds the empty movie.
+        EXPECT_EQ(mp4_get_error_code(m), 6u);
+        EXPECT_STREQ(mp4_get_error(m), "buffer overflow");
+        EXPECT_EQ(m->moov_full, 1u);
+        EXPECT_EQ(m->moov_interval, 0u);
+        fflush(fp);
+        Bytes before = test_util::readFile(path);
+        EXPECT_EQ(test_util::findBox(before, "moov").size, reserved);
+        EXPECT_EQ(samplesListed(before, 1), 0u);
+        EXPECT_EQ(mdatSize(before), 8u);
+        for (size_t i = 3; i < 75; i++)
+            s.step(m, i);
+        mp4_write_movie(m);
+        mp4_delete(m);
+        fclose(fp);
+        expectMovieAtTheEnd(path, reserved, mov, 75, s.audio);
+    }
+}
+
+TEST(MoovFinish, TooLittleRoomForTheNextUpdatesEndsThemWithoutAnError) {
+    SKIP_WITHOUT_FFPROBE();
+    const uint64_t empty = emptyMovieSize();
+    test_util::TempDir dir;
+    const std::string path = dir.file("out.mp4");
+    mp4_muxer *m = newRecording(path);
+    // Updates every second of video stop once fewer than 9000 bytes are left.
+    const uint32_t reserved = uint32_t(empty + 9500);
+    mp4_set_moov_mode(m, reserved, 90000);
+    addTracks(m);
+    Streams s;
+    for (size_t i = 0; i < 25; i++)
+        s.step(m, i);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    EXPECT_EQ(m->moov_full, 1u);
+    EXPECT_EQ(m->moov_interval, 0u);
+    // The update that ended them was written: the region holds the movie of 25 frames.
+    Bytes before = test_util::readFile(path);
+    EXPECT_EQ(samplesListed(before, 1), 25u);
+    for (size_t i = 25; i < 75; i++)
+        s.step(m, i);
+    mp4_write_movie(m);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+    expectMovieAtTheEnd(path, reserved, false, 75, s.audio);
+}
+
+TEST(MoovFinish, AReservationNeverUpdatedThatTheMovieOutgrewIsBlanked) {
+    SKIP_WITHOUT_FFPROBE();
+    const uint64_t empty = emptyMovieSize();
+    test_util::TempDir dir;
+    const std::string path = dir.file("out.mp4");
+    mp4_muxer *m = newRecording(path);
+    const uint32_t reserved = uint32_t(empty + 100);
+    mp4_set_moov_mode(m, reserved, 0);
+    addTracks(m);
+    Streams s;
+    for (size_t i = 0; i < 75; i++)
+        s.step(m, i);
+    mp4_write_movie(m);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+    expectMovieAtTheEnd(path, reserved, false, 75, s.audio);
+}
+
+TEST(MoovFinish, AMovieThatWouldLeaveAGapTooSmallForPaddingGoesToTheEnd) {
+    SKIP_WITHOUT_FFPROBE();
+    const uint64_t empty = emptyMovieSize();
+    // The finished movie of one frame: measured once with room to spare.
+    uint64_t one_frame = 0;
+    {
+        test_util::TempDir dir;
+        mp4_muxer *m = newRecording(dir.file("probe.mp4"));
+        mp4_set_moov_mode(m, 65536, 0);
+        addTracks(m);
+        Streams s;
+        s.step(m, 0);
+        mp4_write_movie(m);
+        mp4_delete(m);
+        Bytes f = test_util::readFile(dir.file("probe.mp4"));
+        one_frame = test_util::findBox(f, "moov/free").offset - test_util::findBox(f, "moov").offset;
+    }
+    ASSERT_GT(one_frame, empty + 8);
+    for (uint64_t slack : {0, 1, 8, 9}) {
+        SCOPED_TRACE("slack " + std::to_string(slack));
+        test_util::TempDir dir;
+        const std::string path = dir.file("out.mp4");
+        mp4_muxer *m = newRecording(path);
+        const uint32_t reserved = uint32_t(one_frame + slack);
+        mp4_set_moov_mode(m, reserved, 0);
+        addTracks(m);
+        Streams s;
+        s.step(m, 0);
+        mp4_write_movie(m);
+        mp4_delete(m);
+        Bytes f = test_util::readFile(path);
+        if (slack == 0 || slack == 9) { // filled exactly, or with a padding box of 9 bytes
+            EXPECT_EQ(test_util::topLevel(f),
+                      (std::vector<std::string>{"ftyp", "moov", "free", "mdat"}));
+            EXPECT_EQ(test_util::findBox(f, "moov").size, reserved);
+        } else { // 1 to 8 bytes could not be padded
+            EXPECT_EQ(test_util::topLevel(f),
+                      (std::vector<std::string>{"ftyp", "free", "free", "mdat", "moov"}));
+        }
+        expectPlays(path, "1", std::to_string(s.audio));
+    }
+}
+
+// ---- reservations that cannot be used ------------------------------------------------------------
+
+TEST(MoovSetup, AReservationTooSmallForTheEmptyMovieIsGivenUpAtOnce) {
+    SKIP_WITHOUT_FFPROBE();
+    test_util::TempDir dir;
+    const std::string path = dir.file("small.mp4");
+    mp4_muxer *m = newRecording(path);
+    mp4_set_moov_mode(m, 200, 9000);
+    addTracks(m);
+    Streams s;
+    testing::internal::CaptureStdout();
+    s.step(m, 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("setup_moov_at_start: movie of "), std::string::npos) << out;
+    EXPECT_NE(out.find(" bytes does not fit the 200 bytes reserved\n"), std::string::npos) << out;
+    EXPECT_EQ(mp4_get_error_code(m), 6u);
+    EXPECT_EQ(m->moov_interval, 0u);
+    for (size_t i = 1; i < 75; i++)
+        s.step(m, i);
+    mp4_write_movie(m);
+    mp4_delete(m);
+    expectMovieAtTheEnd(path, 200, false, 75, s.audio);
+}
+
+TEST(MoovSetup, ARegionTooSmallForAnyBoxIsNotReserved) {
+    test_util::TempDir dir;
+    const std::string path = dir.file("tiny.mp4");
+    mp4_muxer *m = newRecording(path);
+    mp4_set_moov_mode(m, 4, 9000);
+    addTracks(m);
+    Streams s;
+    testing::internal::CaptureStdout();
+    for (size_t i = 0; i < 10; i++)
+        s.step(m, i);
+    mp4_write_movie(m);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(mp4_get_error_code(m), 6u);
+    EXPECT_EQ(m->max_moov_size, 0u);
+    mp4_delete(m);
+    Bytes f = test_util::readFile(path);
+    EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"ftyp", "free", "mdat", "moov"}));
+}
+
+TEST(MoovSetup, AnOutputThatAlreadyHoldsBytesGetsNoReservation) {
+    test_util::TempDir dir;
+    const std::string path = dir.file("late.mp4");
+    mp4_muxer *m = newRecording(path);
+    mp4_set_moov_mode(m, 65536, 9000);
+    const uint8_t note[] = {'n', 'o', 't', 'e'};
+    mp4_write_skip_data(m, note, sizeof note);
+    addTracks(m);
+    Streams s;
+    testing::internal::CaptureStdout();
+    for (size_t i = 0; i < 20; i++)
+        s.step(m, i);
+    EXPECT_EQ(m->moov_interval, 0u); // the first update found no region and stopped them
+    mp4_write_movie(m);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+    Bytes f = test_util::readFile(path);
+    EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"skip", "free", "mdat", "moov"}));
+    EXPECT_EQ(samplesListed(f, 1), 20u);
+}
+
+} // namespace
