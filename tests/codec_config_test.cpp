@@ -323,7 +323,7 @@ TEST(ParameterUpdate, VisualHeaderGoesIntoTheEsdsWithConsistentLengths) {
     data = cat({big, {0, 0, 1, 0xB6, 0x10}});
     mp4_set_parameter_data(h.m, data.data(), uint32_t(data.size()));
     EXPECT_EQ(dcd.decSpecificInfo.length, 120u);
-    EXPECT_EQ(dcd.length, 13u + 2 + 120);              // DSI: tag, 1-byte length, data
+    EXPECT_EQ(dcd.length, 13u + 2 + 120);               // DSI: tag, 1-byte length, data
     EXPECT_EQ(esds->es.length, 3u + (1 + 2 + 135) + 3); // DCD length needs two bytes
     EXPECT_EQ(esds->size, 12u + 1 + 2 + 144);
 }

@@ -65,7 +65,9 @@ class Recording : public testing::TestWithParam<const char *> {
     test_util::TempDir dir;
 };
 
-const std::string data(const char *name) { return test_util::quote(test_util::dataPath(name)); }
+const std::string data(const char *name) {
+    return test_util::quote(test_util::dataPath(name));
+}
 
 // The same H.264 stream with every start code rewritten to `length` bytes.
 Bytes withStartCodes(const Bytes &s, size_t length) {
@@ -90,9 +92,8 @@ const Expect kAac = {"aac", 142, 142 * 1024 / 48000.0, "", "", "48000", "2"};
 
 TEST_P(Recording, H264WithDelimitersAndAac) {
     std::string out = dir.file("a" + ext());
-    std::string summary =
-        record("-o " + test_util::quote(out) + " --h264 " + data("sample.h264") + " --aac " +
-               data("sample.aac"));
+    std::string summary = record("-o " + test_util::quote(out) + " --h264 " + data("sample.h264") +
+                                 " --aac " + data("sample.aac"));
     EXPECT_NE(summary.find("track 1: video avc1 128x96, 75 samples, 3.000 s"), std::string::npos)
         << summary;
     EXPECT_NE(summary.find("track 2: audio mp4a 48000 Hz, 2 channels, 142 samples"),
@@ -100,8 +101,9 @@ TEST_P(Recording, H264WithDelimitersAndAac) {
         << summary;
     check(out, {kH264, kAac});
     Bytes file = test_util::readFile(out);
-    EXPECT_EQ(test_util::topLevel(file),
-              (std::vector<std::string>{"ftyp", ext() == ".mov" ? "wide" : "free", "mdat", "moov"}));
+    EXPECT_EQ(
+        test_util::topLevel(file),
+        (std::vector<std::string>{"ftyp", ext() == ".mov" ? "wide" : "free", "mdat", "moov"}));
 }
 
 TEST_P(Recording, H264WithOnlyFourByteOrOnlyThreeByteStartCodes) {
@@ -162,8 +164,8 @@ TEST_P(Recording, H264AndPcm) {
     std::string raw = dir.file("p.raw");
     std::string log;
     ASSERT_EQ(test_util::run("ffmpeg -nostdin -v error -ignore_editlist 1 -i " +
-                                 test_util::quote(out) +
-                                 " -map 0:a -f s16le -c:a copy -y " + test_util::quote(raw),
+                                 test_util::quote(out) + " -map 0:a -f s16le -c:a copy -y " +
+                                 test_util::quote(raw),
                              &log),
               0)
         << log;
@@ -176,8 +178,9 @@ TEST_P(Recording, InterleavedWithTheMovieKeptAtTheStart) {
            data("sample.aac") + " --interleave 48000 --moov-at-start 1 --update 1");
     check(out, {kH264, kAac});
     Bytes file = test_util::readFile(out);
-    EXPECT_EQ(test_util::topLevel(file),
-              (std::vector<std::string>{"ftyp", "moov", ext() == ".mov" ? "wide" : "free", "mdat"}));
+    EXPECT_EQ(
+        test_util::topLevel(file),
+        (std::vector<std::string>{"ftyp", "moov", ext() == ".mov" ? "wide" : "free", "mdat"}));
     // Audio goes out in bursts, one per second of audio plus what the finish flushes: a few
     // chunks instead of one per frame.
     Bytes stco = test_util::boxBytes(file, "moov/trak#2/mdia/minf/stbl/stco");

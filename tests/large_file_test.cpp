@@ -77,8 +77,8 @@ TEST(LargeFile, RecordingPast4GiBUsesCo64AndA64BitMdatHeader) {
     // Both tracks had chunks past 4 GiB.
     Box *trak1 = getChild(m->moov, fourcc("trak"));
     for (Box *trak : {trak1, trak1->next}) {
-        Box *stbl = getChild(getChild(getChild(trak, fourcc("mdia")), fourcc("minf")),
-                             fourcc("stbl"));
+        Box *stbl =
+            getChild(getChild(getChild(trak, fourcc("mdia")), fourcc("minf")), fourcc("stbl"));
         EXPECT_EQ(getChild(stbl, fourcc("stco")), nullptr);
         ASSERT_NE(getChild(stbl, fourcc("co64")), nullptr);
     }
@@ -114,10 +114,11 @@ TEST(LargeFile, RecordingPast4GiBUsesCo64AndA64BitMdatHeader) {
 
     // An independent reader accepts it.
     std::string out;
-    ASSERT_EQ(test_util::run("ffprobe -v error -show_entries stream=codec_name,nb_frames -of csv=p=0 " +
-                                 test_util::quote(path),
-                             &out),
-              0)
+    ASSERT_EQ(
+        test_util::run("ffprobe -v error -show_entries stream=codec_name,nb_frames -of csv=p=0 " +
+                           test_util::quote(path),
+                       &out),
+        0)
         << out;
     EXPECT_EQ(out, "h264," + std::to_string(blocks) + "\npcm_s16le," +
                        std::to_string(uint64_t(blocks) * frames_per_block) + "\n");

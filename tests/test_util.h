@@ -20,7 +20,9 @@
 
 namespace test_util {
 
-inline std::string dataPath(const std::string &name) { return std::string(TEST_DATA_DIR) + "/" + name; }
+inline std::string dataPath(const std::string &name) {
+    return std::string(TEST_DATA_DIR) + "/" + name;
+}
 
 inline std::vector<uint8_t> readFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
@@ -158,8 +160,12 @@ inline std::string decodeErrors(const std::string &file) {
 inline uint32_t be32(const uint8_t *p) {
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
-inline uint64_t be64(const uint8_t *p) { return uint64_t(be32(p)) << 32 | be32(p + 4); }
-inline uint16_t be16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+inline uint64_t be64(const uint8_t *p) {
+    return uint64_t(be32(p)) << 32 | be32(p + 4);
+}
+inline uint16_t be16(const uint8_t *p) {
+    return uint16_t(p[0] << 8 | p[1]);
+}
 
 struct BoxRef {
     size_t offset = 0; // first header byte

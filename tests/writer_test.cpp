@@ -34,14 +34,23 @@ const Bytes IDR = {0x65, 0x88, 0x84, 0x00, 0x33, 0x21};
 const Bytes PSLICE = {0x41, 0x9A, 0x02};
 
 // An access unit as x264 hands it over: delimiter, parameter sets, the slice.
-Bytes idrUnit() { return cat({SC4, {0x09, 0x10}, SC4, SPS, SC4, PPS, SC4, IDR}); }
-Bytes pUnit() { return cat({SC4, PSLICE}); }
+Bytes idrUnit() {
+    return cat({SC4, {0x09, 0x10}, SC4, SPS, SC4, PPS, SC4, IDR});
+}
+Bytes pUnit() {
+    return cat({SC4, PSLICE});
+}
 
 // An ADTS frame (no CRC unless protected) around `payload`.
 Bytes adts(const Bytes &payload, bool crc = false) {
     size_t len = payload.size() + (crc ? 9 : 7);
-    Bytes h = {0xFF, uint8_t(crc ? 0xF0 : 0xF1), 0x4C, uint8_t(0x80 | ((len >> 11) & 3)),
-               uint8_t(len >> 3), uint8_t(((len & 7) << 5) | 0x1F), 0xFC};
+    Bytes h = {0xFF,
+               uint8_t(crc ? 0xF0 : 0xF1),
+               0x4C,
+               uint8_t(0x80 | ((len >> 11) & 3)),
+               uint8_t(len >> 3),
+               uint8_t(((len & 7) << 5) | 0x1F),
+               0xFC};
     if (crc) {
         h.push_back(0xAB);
         h.push_back(0xCD);
@@ -66,8 +75,8 @@ Box *at(Box *root, const std::string &path) {
     size_t pos = 0;
     while (b && pos < path.size()) {
         size_t slash = path.find('/', pos);
-        std::string part = path.substr(pos, slash == std::string::npos ? std::string::npos
-                                                                        : slash - pos);
+        std::string part =
+            path.substr(pos, slash == std::string::npos ? std::string::npos : slash - pos);
         pos = slash == std::string::npos ? path.size() : slash + 1;
         int nth = 1;
         if (part.size() > 5 && part[4] == '#') {
@@ -85,8 +94,8 @@ Box *at(Box *root, const std::string &path) {
 }
 
 template <class T> T *table(mp4_muxer *m, int track, const char *type) {
-    return static_cast<T *>(at(m->moov, "trak#" + std::to_string(track) +
-                                             "/mdia/minf/stbl/" + type));
+    return static_cast<T *>(
+        at(m->moov, "trak#" + std::to_string(track) + "/mdia/minf/stbl/" + type));
 }
 
 std::vector<std::array<uint32_t, 3>> stscOf(mp4_muxer *m, int track) {
@@ -166,8 +175,7 @@ struct B {
         return *this;
     }
     B &matrix() {
-        return u32(0x10000).u32(0).u32(0).u32(0).u32(0x10000).u32(0).u32(0).u32(0).u32(
-            0x40000000);
+        return u32(0x10000).u32(0).u32(0).u32(0).u32(0x10000).u32(0).u32(0).u32(0).u32(0x40000000);
     }
 };
 
@@ -186,8 +194,7 @@ TEST(TrackCreation, RecordsIdsAndCodecSettings) {
     EXPECT_EQ(mp4_video_track_create(h.m, fourcc("avc1"), 90000, 3000, 0, 640, 480, 77, 41), 1u);
     EXPECT_EQ(mp4_audio_track_create(h.m, fourcc("mp4a"), 44100, 1024, 900, 44100, 1), 2u);
     static const char name[] = "Subs";
-    EXPECT_EQ(mp4_subtitle_track_create(h.m, fourcc("mp4s"), name, 1000, 40, 0, 720, 576,
-                                        nullptr),
+    EXPECT_EQ(mp4_subtitle_track_create(h.m, fourcc("mp4s"), name, 1000, 40, 0, 720, 576, nullptr),
               3u);
     EXPECT_EQ(h.m->next_track_id, 4u);
     EXPECT_EQ(h.m->moov, nullptr); // the tree waits for the first sample
@@ -229,7 +236,8 @@ TEST(TrackCreation, TrackArrayGrowthFailureIsError2) {
     mp4_alloc_fail_after(0);
     uint32_t id = mp4_video_track_create(h.m, fourcc("avc1"), 90000, 3000, 0, 64, 48, 0, 0);
     mp4_alloc_fail_after(-1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "mp4_video_track_create: track realloc failed\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "mp4_video_track_create: track realloc failed\n");
     EXPECT_EQ(id, 0u);
     EXPECT_EQ(h.m->error, MP4_ERR_NOMEM);
     EXPECT_EQ(h.m->next_track_id, 1u);
@@ -320,11 +328,25 @@ TEST(TrackCreation, SubtitleTrackBeforeTheTreeIsBuiltWithTheTreeAndKeepsItsPalet
     for (int i = 0; i < 16; i++)
         pal.u32(0x00102030u + uint32_t(i));
     Bytes expected = full("esds", 0,
-                          B().u8(3).u8(87).u16(0).u8(0)
-                              .u8(4).u8(79).u8(0xE0).u8((0x38 << 2) | 2 | 1).u8(0).u16(5454)
-                              .u32(85376).u32(4920)
-                              .u8(5).u8(64).raw(pal.b)
-                              .u8(6).u8(1).u8(2).b);
+                          B().u8(3)
+                              .u8(87)
+                              .u16(0)
+                              .u8(0)
+                              .u8(4)
+                              .u8(79)
+                              .u8(0xE0)
+                              .u8((0x38 << 2) | 2 | 1)
+                              .u8(0)
+                              .u16(5454)
+                              .u32(85376)
+                              .u32(4920)
+                              .u8(5)
+                              .u8(64)
+                              .raw(pal.b)
+                              .u8(6)
+                              .u8(1)
+                              .u8(2)
+                              .b);
     EXPECT_EQ(esds, expected);
     EXPECT_EQ(esds.size(), 101u);
     Bytes tkhd = test_util::boxBytes(f, "moov/trak/tkhd");
@@ -348,8 +370,7 @@ TEST(TrackCreation, SubtitleTrackOnARemuxingReaderLandsInItsWriter) {
     Handle r(mp4_remuxer_create());
     ASSERT_NE(r.m->linked, nullptr);
     mp4_video_track_create(r.m->linked, fourcc("avc1"), 90000, 3000, 0, 64, 48, 0, 0);
-    EXPECT_EQ(mp4_subtitle_track_create(r.m, fourcc("mp4s"), "S", 1000, 40, 0, 0, 0, nullptr),
-              2u);
+    EXPECT_EQ(mp4_subtitle_track_create(r.m, fourcc("mp4s"), "S", 1000, 40, 0, 0, 0, nullptr), 2u);
     EXPECT_EQ(r.m->linked->next_track_id, 3u);
     EXPECT_EQ(r.m->next_track_id, 1u);
     Handle plain(mp4_reader_create());
@@ -397,17 +418,51 @@ Bytes recordSmallMovie(bool mov, const std::string &path) {
 }
 
 Bytes expectedMoov(bool mov) {
-    const Bytes mvhd = full("mvhd", 0, B().u32(0).u32(0).u32(90000).u32(7200).u32(0x10000)
-                                           .u16(0x100).zeros(10).matrix().zeros(24).u32(3).b);
-    const Bytes iods = full("iods", 0, B().u8(0x10).u8(19).u16(0x004F)
-                                           .u8(0xFF).u8(0xFF).u8(0x0F).u8(0x03).u8(0xFF)
-                                           .u8(3).u8(4).u16(0).u8(0).zeros(1)
-                                           .zeros(6).b);
+    const Bytes mvhd = full("mvhd", 0,
+                            B().u32(0)
+                                .u32(0)
+                                .u32(90000)
+                                .u32(7200)
+                                .u32(0x10000)
+                                .u16(0x100)
+                                .zeros(10)
+                                .matrix()
+                                .zeros(24)
+                                .u32(3)
+                                .b);
+    const Bytes iods = full("iods", 0,
+                            B().u8(0x10)
+                                .u8(19)
+                                .u16(0x004F)
+                                .u8(0xFF)
+                                .u8(0xFF)
+                                .u8(0x0F)
+                                .u8(0x03)
+                                .u8(0xFF)
+                                .u8(3)
+                                .u8(4)
+                                .u16(0)
+                                .u8(0)
+                                .zeros(1)
+                                .zeros(6)
+                                .b);
     auto tkhd = [](uint32_t flags, uint32_t id, uint32_t duration, uint32_t volume, uint32_t w,
                    uint32_t h) {
-        return full("tkhd", flags, B().u32(0).u32(0).u32(id).u32(0).u32(duration).zeros(8)
-                                       .u16(0).u16(0).u16(volume).u16(0).matrix()
-                                       .u32(w << 16).u32(h << 16).b);
+        return full("tkhd", flags,
+                    B().u32(0)
+                        .u32(0)
+                        .u32(id)
+                        .u32(0)
+                        .u32(duration)
+                        .zeros(8)
+                        .u16(0)
+                        .u16(0)
+                        .u16(volume)
+                        .u16(0)
+                        .matrix()
+                        .u32(w << 16)
+                        .u32(h << 16)
+                        .b);
     };
     auto mdhd = [](uint32_t ts, uint32_t duration) {
         return full("mdhd", 0, B().u32(0).u32(0).u32(ts).u32(duration).u16(0).u16(0).b);
@@ -428,12 +483,34 @@ Bytes expectedMoov(bool mov) {
     Bytes compressor(32, 0);
     compressor[0] = 13;
     memcpy(&compressor[1], "Talvorin 4417", 13);
-    const Bytes avcc = box("avcC", B().u8(1).u8(0x42).u8(0).u8(0x1E).u8(0xFF).u8(0xE1)
-                                       .u16(uint32_t(SPS.size())).raw(SPS).u8(1)
-                                       .u16(uint32_t(PPS.size())).raw(PPS).b);
-    const Bytes avc1 = box("avc1", B().zeros(6).u16(1).u16(0).u16(0).zeros(12).u16(64).u16(48)
-                                       .u32(0x480000).u32(0x480000).u32(0).u16(1).raw(compressor)
-                                       .u16(0x18).u16(0xFFFF).raw(avcc).b);
+    const Bytes avcc = box("avcC", B().u8(1)
+                                       .u8(0x42)
+                                       .u8(0)
+                                       .u8(0x1E)
+                                       .u8(0xFF)
+                                       .u8(0xE1)
+                                       .u16(uint32_t(SPS.size()))
+                                       .raw(SPS)
+                                       .u8(1)
+                                       .u16(uint32_t(PPS.size()))
+                                       .raw(PPS)
+                                       .b);
+    const Bytes avc1 = box("avc1", B().zeros(6)
+                                       .u16(1)
+                                       .u16(0)
+                                       .u16(0)
+                                       .zeros(12)
+                                       .u16(64)
+                                       .u16(48)
+                                       .u32(0x480000)
+                                       .u32(0x480000)
+                                       .u32(0)
+                                       .u16(1)
+                                       .raw(compressor)
+                                       .u16(0x18)
+                                       .u16(0xFFFF)
+                                       .raw(avcc)
+                                       .b);
     Bytes vminf = cat({full("vmhd", 1, B().u16(0).u16(0).u16(0).u16(0).b)});
     if (mov)
         vminf = cat({vminf, hdlr("alis", "Alias Data Handler")});
@@ -444,28 +521,55 @@ Bytes expectedMoov(bool mov) {
                                   full("stsc", 0, B().u32(1).u32(1).u32(1).u32(1).b),
                                   full("stsz", 0, B().u32(0).u32(2).u32(10).u32(7).b),
                                   full("stco", 0, B().u32(2).u32(40).u32(55).b)}))});
-    const Bytes vtrak = box("trak", cat({tkhd(7, 1, 7200, 0, 64, 48), elst({{7200, 0}}),
-                                         box("mdia", cat({mdhd(90000, 7200),
-                                                          hdlr("vide", "Video Handler"),
-                                                          box("minf", vminf)}))}));
+    const Bytes vtrak =
+        box("trak", cat({tkhd(7, 1, 7200, 0, 64, 48), elst({{7200, 0}}),
+                         box("mdia", cat({mdhd(90000, 7200), hdlr("vide", "Video Handler"),
+                                          box("minf", vminf)}))}));
 
-    const Bytes esds = full("esds", 0, B().u8(3).u8(26).u16(1).u8(0)
-                                           .u8(4).u8(17).u8(0x40).u8(0x15).u8(0).u16(15000)
-                                           .u32(1500000).u32(0)
-                                           .u8(5).u8(2).u8(0x11).u8(0x90)
-                                           .u8(6).u8(2).u8(2).zeros(1).b);
-    const Bytes mp4a = box("mp4a", B().zeros(6).u16(1).u16(0).u16(0).u32(0).u16(2).u16(16)
-                                       .u16(0).u16(0).u32(48000u << 16).raw(esds).b);
+    const Bytes esds = full("esds", 0,
+                            B().u8(3)
+                                .u8(26)
+                                .u16(1)
+                                .u8(0)
+                                .u8(4)
+                                .u8(17)
+                                .u8(0x40)
+                                .u8(0x15)
+                                .u8(0)
+                                .u16(15000)
+                                .u32(1500000)
+                                .u32(0)
+                                .u8(5)
+                                .u8(2)
+                                .u8(0x11)
+                                .u8(0x90)
+                                .u8(6)
+                                .u8(2)
+                                .u8(2)
+                                .zeros(1)
+                                .b);
+    const Bytes mp4a = box("mp4a", B().zeros(6)
+                                       .u16(1)
+                                       .u16(0)
+                                       .u16(0)
+                                       .u32(0)
+                                       .u16(2)
+                                       .u16(16)
+                                       .u16(0)
+                                       .u16(0)
+                                       .u32(48000u << 16)
+                                       .raw(esds)
+                                       .b);
     Bytes aminf = full("smhd", mov ? 1 : 0, B().u16(0).u16(0).b);
     if (mov)
         aminf = cat({aminf, hdlr("alis", "Alias Data Handler")});
-    aminf = cat({aminf, dinf(),
-                 box("stbl", cat({full("stsd", 0, B().u32(1).raw(mp4a).b),
-                                  full("stts", 0, B().u32(1).u32(3).u32(1024).b),
-                                  full("stsc", 0, B().u32(2).u32(1).u32(1).u32(1)
-                                                      .u32(2).u32(2).u32(1).b),
-                                  full("stsz", 0, B().u32(0).u32(3).u32(5).u32(5).u32(5).b),
-                                  full("stco", 0, B().u32(2).u32(50).u32(62).b)}))});
+    aminf = cat(
+        {aminf, dinf(),
+         box("stbl", cat({full("stsd", 0, B().u32(1).raw(mp4a).b),
+                          full("stts", 0, B().u32(1).u32(3).u32(1024).b),
+                          full("stsc", 0, B().u32(2).u32(1).u32(1).u32(1).u32(2).u32(2).u32(1).b),
+                          full("stsz", 0, B().u32(0).u32(3).u32(5).u32(5).u32(5).b),
+                          full("stco", 0, B().u32(2).u32(50).u32(62).b)}))});
     const Bytes atrak =
         box("trak", cat({tkhd(1, 2, 5760, 0x100, 0, 0), elst({{5760, 0}, {1440, -1}}),
                          box("mdia", cat({mdhd(48000, 3072), hdlr("soun", "Audio Handler"),
@@ -480,8 +584,10 @@ TEST(MovieLayout, Mp4MovieBoxByteForByte) {
     EXPECT_EQ(test_util::boxBytes(f, "moov"), expectedMoov(false));
     // The media data: each slice behind its length, the audio without ADTS headers.
     Bytes mdat = test_util::boxBytes(f, "mdat");
-    EXPECT_EQ(mdat, box("mdat", cat({B().u32(6).raw(IDR).b, {1, 2, 3, 4, 5},
-                                     B().u32(3).raw(PSLICE).b, {6, 7, 8, 9, 10},
+    EXPECT_EQ(mdat, box("mdat", cat({B().u32(6).raw(IDR).b,
+                                     {1, 2, 3, 4, 5},
+                                     B().u32(3).raw(PSLICE).b,
+                                     {6, 7, 8, 9, 10},
                                      {11, 12, 13, 14, 15}})));
     EXPECT_EQ(test_util::boxBytes(f, "free"), box("free", {}));
 }
@@ -577,18 +683,18 @@ TEST(SampleTables, DurationRunsShareSttsEntries) {
 TEST(SampleTables, SyncSamplesOfH264AndMpeg4Visual) {
     Handle h(mp4_writer_create());
     mp4_video_track_create(h.m, fourcc("avc1"), 90000, 3600, 0, 64, 48, 66, 30);
-    write(h.m, 1, idrUnit(), 3600);                        // 1: IDR behind 4-byte codes
-    write(h.m, 1, pUnit(), 3600);                          // 2
+    write(h.m, 1, idrUnit(), 3600);                          // 1: IDR behind 4-byte codes
+    write(h.m, 1, pUnit(), 3600);                            // 2
     write(h.m, 1, cat({SC4, {0x09, 0x10}, SC3, IDR}), 3600); // 3: IDR slice, 3-byte code
-    write(h.m, 1, cat({SC3, IDR}), 3600);                  // 4: a bare 3-byte IDR
-    write(h.m, 1, cat({SC3, PSLICE}), 3600);               // 5
+    write(h.m, 1, cat({SC3, IDR}), 3600);                    // 4: a bare 3-byte IDR
+    write(h.m, 1, cat({SC3, PSLICE}), 3600);                 // 5
     write(h.m, 1, cat({SC4, {0x09, 0x10}, SC4, SPS, SC3, PPS, SC3, IDR}), 3600); // 6
     EXPECT_EQ(stssOf(h.m, 1), (std::vector<uint32_t>{1, 3, 4, 6}));
 
     Handle v(mp4_writer_create());
     mp4_video_track_create(v.m, fourcc("mp4v"), 90000, 3600, 0, 64, 48, 0, 0);
-    const Bytes vos = {0, 0, 1, 0xB0, 0x01, 0, 0, 1, 0xB5, 0x09, 0, 0, 1, 0x00,
-                       0, 0, 1, 0x20, 0x08, 0xC8, 0x0D, 0x40};
+    const Bytes vos = {0, 0, 1,    0xB0, 0x01, 0, 0,    1,    0xB5, 0x09, 0,
+                       0, 1, 0x00, 0,    0,    1, 0x20, 0x08, 0xC8, 0x0D, 0x40};
     const Bytes gov = {0, 0, 1, 0xB3, 0x00, 0x10, 0x07};
     const Bytes ivop = {0, 0, 1, 0xB6, 0x10, 0x60, 0x91};
     const Bytes pvop = {0, 0, 1, 0xB6, 0x50, 0x60, 0x91};
@@ -620,13 +726,13 @@ TEST(SampleTables, StartCodesBecomeLengthsAndHeadersAreStripped) {
     mp4_set_sample_callback(m, Rec::cb, &calls);
     mp4_video_track_create(m, fourcc("avc1"), 90000, 3600, 0, 64, 48, 66, 30);
     mp4_audio_track_create(m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
-    write(m, 1, cat({SC4, SPS, SC4, PPS}), 3600);           // headers only: nothing stored
+    write(m, 1, cat({SC4, SPS, SC4, PPS}), 3600); // headers only: nothing stored
     EXPECT_EQ(m->sps_size, SPS.size());
     EXPECT_EQ(m->pps_size, PPS.size());
-    write(m, 1, cat({SC4, {0x09, 0xF0}, SC3, IDR}), 3600);  // 3-byte slice code: one byte more
-    write(m, 2, adts({1, 2, 3, 4}, true), 1024);            // CRC: 9 header bytes
-    write(m, 2, adts({5, 6}), 1024);                        // 7 header bytes
-    write(m, 2, adts({}), 1024);                            // header only: nothing
+    write(m, 1, cat({SC4, {0x09, 0xF0}, SC3, IDR}), 3600); // 3-byte slice code: one byte more
+    write(m, 2, adts({1, 2, 3, 4}, true), 1024);           // CRC: 9 header bytes
+    write(m, 2, adts({5, 6}), 1024);                       // 7 header bytes
+    write(m, 2, adts({}), 1024);                           // header only: nothing
     Bytes other_sps = SPS;
     other_sps[3] = 0x28;
     write(m, 1, cat({SC4, other_sps, SC4, PPS, SC4, IDR}), 3600); // sets already captured
@@ -635,8 +741,8 @@ TEST(SampleTables, StartCodesBecomeLengthsAndHeadersAreStripped) {
     fclose(f);
     Bytes file = test_util::readFile(dir.file("a.mp4"));
     Bytes mdat = test_util::boxBytes(file, "mdat");
-    EXPECT_EQ(mdat, box("mdat", cat({B().u32(6).raw(IDR).b, {1, 2, 3, 4}, {5, 6},
-                                     B().u32(6).raw(IDR).b})));
+    EXPECT_EQ(mdat, box("mdat",
+                        cat({B().u32(6).raw(IDR).b, {1, 2, 3, 4}, {5, 6}, B().u32(6).raw(IDR).b})));
     Bytes avcc = test_util::boxBytes(file, "moov/trak/mdia/minf/stbl/stsd/avc1/avcC");
     ASSERT_GT(avcc.size(), 8u + 6 + 2 + SPS.size());
     EXPECT_EQ(Bytes(avcc.begin() + 16, avcc.begin() + 16 + long(SPS.size())), SPS);
@@ -811,7 +917,7 @@ TEST(FragmentSamples, EachSampleIsAnMdatQueuedForTheNextFragment) {
     write(h.m, 1, p3, 3000);
     write(h.m, 2, frame, 1024);
     write(h.m, 1, cat({SC4, SPS, SC4, PPS}), 3600); // headers only: nothing queued
-    EXPECT_EQ(idr, idr_copy);                        // the caller's bytes are left alone
+    EXPECT_EQ(idr, idr_copy);                       // the caller's bytes are left alone
     buf.resize(mp4_buf_get(h.m));
     EXPECT_EQ(buf, cat({box("mdat", B().u32(6).raw(IDR).b), box("mdat", B().u32(3).raw(PSLICE).b),
                         box("mdat", {7, 8, 9})}));
@@ -859,10 +965,10 @@ TEST(GrowthPolicy, PowersOfTwoThenWholeMebibytes) {
     EXPECT_EQ(grew_at, (std::vector<uint32_t>{1, 2, 3, 5, 9, 17, 33}));
     EXPECT_EQ(mp4_alloc_count() - before, 7u);
     // Past 1 MiB: one reallocation per whole MiB.
-    ASSERT_EQ(realloc_p2(&a, 40, 0x40000, 4), 0);          // exactly 1 MiB
+    ASSERT_EQ(realloc_p2(&a, 40, 0x40000, 4), 0); // exactly 1 MiB
     unsigned long c = mp4_alloc_count();
-    ASSERT_EQ(realloc_p2(&a, 0x40000, 0x40001, 4), 0);     // just past it: 2 MiB
-    ASSERT_EQ(realloc_p2(&a, 0x40001, 0x7FFFF, 4), 0);     // still inside 2 MiB
+    ASSERT_EQ(realloc_p2(&a, 0x40000, 0x40001, 4), 0); // just past it: 2 MiB
+    ASSERT_EQ(realloc_p2(&a, 0x40001, 0x7FFFF, 4), 0); // still inside 2 MiB
     EXPECT_EQ(mp4_alloc_count() - c, 1u);
     static_cast<uint32_t *>(a)[0x7FFFE] = 1; // the block really holds that much
     mp4_free(a);
@@ -943,8 +1049,8 @@ TEST(Durations, DelayedTrackGetsLeadingAndTrailingEmptyEdits) {
         write(h.m, 2, adts({1}), 1024);
     mp4_write_movie(h.m);
     EXPECT_EQ(static_cast<Tkhd *>(at(h.m->moov, "trak/tkhd"))->duration, 45000u);
-    EXPECT_EQ(elstOf(h.m, 1), (std::vector<std::array<int64_t, 2>>{
-                                  {9000, -1}, {36000, 0}, {192000 - 45000, -1}}));
+    EXPECT_EQ(elstOf(h.m, 1),
+              (std::vector<std::array<int64_t, 2>>{{9000, -1}, {36000, 0}, {192000 - 45000, -1}}));
     EXPECT_EQ(elstOf(h.m, 2), (std::vector<std::array<int64_t, 2>>{{192000, 0}}));
 }
 
@@ -952,11 +1058,11 @@ TEST(Durations, CommonFrameDeltasShrinkTheMediaTimescale) {
     struct Case {
         uint32_t timescale, delta, new_timescale, new_delta;
     };
-    for (Case c : {Case{180000, 6006, 30000, 1001}, Case{270000, 9009, 30000, 1001},
-                   Case{48000, 1920, 200, 8}, Case{180000, 7200, 50, 2},
-                   Case{45000, 15015, 3000, 1001},
-                   Case{1000, 3600, 1000, 3600}, // not an exact division: left alone
-                   Case{48000, 1024, 48000, 1024}}) {
+    for (Case c :
+         {Case{180000, 6006, 30000, 1001}, Case{270000, 9009, 30000, 1001},
+          Case{48000, 1920, 200, 8}, Case{180000, 7200, 50, 2}, Case{45000, 15015, 3000, 1001},
+          Case{1000, 3600, 1000, 3600}, // not an exact division: left alone
+          Case{48000, 1024, 48000, 1024}}) {
         Handle h(mp4_writer_create());
         mp4_video_track_create(h.m, fourcc("avc1"), c.timescale, c.delta, 0, 64, 48, 66, 30);
         for (int i = 0; i < 12; i++)

@@ -337,8 +337,7 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
     leading_three = avc && !stored && !startsWith4(data, size) && startsWith3(data, size);
     Layout l = layoutFor(data, size, avc && !stored, true);
 
-    if (m->max_file_size &&
-        pos + l.stored + checkBoxSize(m->moov) + 1024 > m->max_file_size) {
+    if (m->max_file_size && pos + l.stored + checkBoxSize(m->moov) + 1024 > m->max_file_size) {
         m->error = MP4_ERR_SIZE_LIMIT;
         return;
     }
@@ -455,8 +454,8 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
 
 } // namespace
 
-extern "C" void mp4_write_track(mp4_muxer *m, uint32_t track_id, const uint8_t *data,
-                                uint32_t size, uint32_t duration) {
+extern "C" void mp4_write_track(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t size,
+                                uint32_t duration) {
     if (!m)
         return;
     mp4_muxer *w = is_reader(m) ? m->linked : m;

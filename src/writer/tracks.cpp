@@ -24,7 +24,9 @@ template <class T> T *add(Box *parent, T *child) {
 
 // A sample entry node must not carry the code of a box the codec lays out itself: the codec
 // would take the entry's record for that box's record.
-bool usableEntryType(uint32_t type) { return recordSize(type) == sizeof(SampleEntry); }
+bool usableEntryType(uint32_t type) {
+    return recordSize(type) == sizeof(SampleEntry);
+}
 
 // Adds one zero-filled record to the track array and fills the fields every track has.
 // Returns the new id, or 0 when the array cannot grow.

@@ -78,9 +78,10 @@ int parseOptions(int argc, char **argv, Options *o) {
         } else if (arg == "--h264" || arg == "--mp4v" || arg == "--aac" || arg == "--pcm") {
             if (!need("a file name"))
                 return 2;
-            (arg == "--h264" ? o->h264 : arg == "--mp4v" ? o->mp4v : arg == "--aac" ? o->aac
-                                                                                    : o->pcm) =
-                value;
+            (arg == "--h264"   ? o->h264
+             : arg == "--mp4v" ? o->mp4v
+             : arg == "--aac"  ? o->aac
+                               : o->pcm) = value;
         } else if (arg == "--rate") {
             if (!need("a sampling rate") || !parseNumber(value, 1, 1000000, &o->rate))
                 return value ? fail(std::string("bad --rate: ") + value), 2 : 2;
@@ -95,8 +96,7 @@ int parseOptions(int argc, char **argv, Options *o) {
                 !parseNumber(value, 1, UINT32_MAX, &o->interleave))
                 return value ? fail(std::string("bad --interleave: ") + value), 2 : 2;
         } else if (arg == "--moov-at-start") {
-            if (!need("a length in minutes") ||
-                !parseNumber(value, 1, 100000, &o->moov_minutes))
+            if (!need("a length in minutes") || !parseNumber(value, 1, 100000, &o->moov_minutes))
                 return value ? fail(std::string("bad --moov-at-start: ") + value), 2 : 2;
         } else if (arg == "--update") {
             if (!need("an interval in seconds") ||
@@ -229,8 +229,9 @@ int run(int argc, char **argv) {
         if (!info.have_sps || !info.have_pps)
             return fail(o.h264 + ": no sequence/picture parameter set in the stream");
         if (info.multi_slice)
-            fprintf(stderr, "mp4kit record: warning: %s has pictures of several slices; each "
-                            "picture is stored as one unit and may not play\n",
+            fprintf(stderr,
+                    "mp4kit record: warning: %s has pictures of several slices; each "
+                    "picture is stored as one unit and may not play\n",
                     o.h264.c_str());
         video_type = MP4_FOURCC('a', 'v', 'c', '1');
         width = info.width;
@@ -270,8 +271,9 @@ int run(int argc, char **argv) {
             fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
                     o.aac.c_str());
         if (info.object_type != 2)
-            fprintf(stderr, "mp4kit record: warning: %s is AAC object type %u; the file "
-                            "declares AAC LC\n",
+            fprintf(stderr,
+                    "mp4kit record: warning: %s is AAC object type %u; the file "
+                    "declares AAC LC\n",
                     o.aac.c_str(), info.object_type);
         audio_type = MP4_FOURCC('m', 'p', '4', 'a');
         rate = info.sample_rate;
@@ -370,9 +372,9 @@ int run(int argc, char **argv) {
         Stream &s = take_video ? video : audio;
         const es::Unit &u = s.units[s.next++];
         uint32_t duration = take_video ? frame_ticks
-                                       : audio_type == MP4_FOURCC('s', 'o', 'w', 't')
-                                             ? uint32_t(u.size / (2 * channels))
-                                             : 1024;
+                            : audio_type == MP4_FOURCC('s', 'o', 'w', 't')
+                                ? uint32_t(u.size / (2 * channels))
+                                : 1024;
         mp4_write_track(m, s.track, s.file.data() + u.offset, uint32_t(u.size), duration);
         if (o.fragmented) {
             in_fragment++;

@@ -152,8 +152,19 @@ std::vector<uint8_t> rbsp(const uint8_t *p, size_t n, size_t limit) {
 
 bool highProfile(uint32_t profile) {
     switch (profile) {
-    case 100: case 110: case 122: case 244: case 44: case 83: case 86:
-    case 118: case 128: case 138: case 139: case 134: case 135:
+    case 100:
+    case 110:
+    case 122:
+    case 244:
+    case 44:
+    case 83:
+    case 86:
+    case 118:
+    case 128:
+    case 138:
+    case 139:
+    case 134:
+    case 135:
         return true;
     default:
         return false;
@@ -212,9 +223,9 @@ bool parseSps(const uint8_t *nal, size_t size, H264Info *info) {
             return false;
         if (chroma_format == 3)
             separate_planes = br.u(1);
-        br.ue(); // bit_depth_luma_minus8
-        br.ue(); // bit_depth_chroma_minus8
-        br.u(1); // qpprime_y_zero_transform_bypass_flag
+        br.ue();       // bit_depth_luma_minus8
+        br.ue();       // bit_depth_chroma_minus8
+        br.u(1);       // qpprime_y_zero_transform_bypass_flag
         if (br.u(1)) { // seq_scaling_matrix_present_flag
             int lists = chroma_format != 3 ? 8 : 12;
             for (int i = 0; i < lists && !br.bad(); i++)
@@ -303,10 +314,10 @@ bool splitH264(const uint8_t *data, size_t size, std::vector<Unit> *units, H264I
             close(codes[i].begin);
             continue;
         }
-        bool boundary = type == 9 ||
-                        (has_slice && (type == 6 || type == 7 || type == 8 ||
-                                       (type >= 14 && type <= 18))) ||
-                        (has_slice && slice && first_mb_zero);
+        bool boundary =
+            type == 9 ||
+            (has_slice && (type == 6 || type == 7 || type == 8 || (type >= 14 && type <= 18))) ||
+            (has_slice && slice && first_mb_zero);
         if (open && boundary)
             close(codes[i].begin);
         if (!open) {
@@ -369,7 +380,7 @@ bool parseVol(const uint8_t *data, size_t size, M4vInfo *info) {
         br.u(4);
     br.u(1); // marker
     uint32_t resolution = br.u(16);
-    br.u(1); // marker
+    br.u(1);       // marker
     if (br.u(1)) { // fixed_vop_rate
         int bits = 1;
         while (bits < 16 && (1u << bits) < resolution)
