@@ -253,6 +253,50 @@ TEST_F(RecordTool, UnwritableOutputFails) {
     EXPECT_NE(out.find("cannot open"), std::string::npos) << out;
 }
 
+TEST_F(RecordTool, CutOrGarbledStreamsNeverCrashIt) {
+    // A sanitizer report would exit with 99: only the tool's own statuses may come back.
+    auto status = [&](const std::string &args) {
+        std::string out;
+        return test_util::run("ASAN_OPTIONS=exitcode=99 UBSAN_OPTIONS=exitcode=99 " +
+                                  test_util::quote(test_util::toolPath()) + " record -o " +
+                                  test_util::quote(dir.file("o.mp4")) + " " + args,
+                              &out);
+    };
+    const Bytes h264 = test_util::readFile(test_util::dataPath("sample.h264"));
+    const Bytes m4v = test_util::readFile(test_util::dataPath("sample.m4v"));
+    const Bytes aac = test_util::readFile(test_util::dataPath("sample.aac"));
+    uint32_t seed = 12345;
+    auto rnd = [&]() { return (seed = seed * 1103515245u + 12345u) >> 16; };
+    std::vector<std::pair<std::string, Bytes>> inputs;
+    for (size_t cut : {size_t(1), size_t(4), size_t(9), size_t(40), size_t(735), size_t(1777)}) {
+        inputs.emplace_back("--h264", Bytes(h264.begin(), h264.begin() + long(cut)));
+        inputs.emplace_back("--mp4v", Bytes(m4v.begin(), m4v.begin() + long(cut)));
+        inputs.emplace_back("--aac", Bytes(aac.begin(), aac.begin() + long(cut)));
+    }
+    for (int k = 0; k < 6; k++) {
+        // Parameter sets and object layer headers with random bytes in them.
+        Bytes h = h264, v = m4v;
+        for (int i = 0; i < 12; i++) {
+            h[6 + rnd() % 40] = uint8_t(rnd());
+            v[rnd() % 42] = uint8_t(rnd());
+        }
+        inputs.emplace_back("--h264", h);
+        inputs.emplace_back("--mp4v", v);
+        Bytes noise(2048);
+        for (auto &b : noise)
+            b = uint8_t(rnd() % 4 == 0 ? 0 : rnd());
+        inputs.emplace_back(k % 2 ? "--h264" : "--mp4v", noise);
+        noise[0] = 0xFF, noise[1] = 0xF1;
+        inputs.emplace_back("--aac", noise);
+    }
+    for (size_t i = 0; i < inputs.size(); i++) {
+        std::string in = dir.file("in" + std::to_string(i));
+        test_util::writeFile(in, inputs[i].second);
+        int rc = status(inputs[i].first + " " + test_util::quote(in));
+        EXPECT_TRUE(rc == 0 || rc == 1) << inputs[i].first << " input " << i << ": status " << rc;
+    }
+}
+
 TEST_F(RecordTool, TruncatedAdtsTailIsLeftOutWithAWarning) {
     SKIP_WITHOUT_FFPROBE();
     Bytes aac = test_util::readFile(test_util::dataPath("sample.aac"));
