@@ -832,6 +832,23 @@ TEST(SampleTables, ChunkOffsetsPast4GiBMoveToCo64) {
     EXPECT_EQ(h.m->mdat->data_pos + h.m->mdat->size - 8, h.m->pos);
 }
 
+TEST(SampleTables, AReservedMovieKeepsItsSizeAsTheTreeChanges) {
+    // With the movie kept in a region at the start, the moov's size is the region's.
+    Handle h(mp4_writer_create());
+    mp4_video_track_create(h.m, fourcc("avc1"), 90000, 3600, 0, 64, 48, 66, 30);
+    write(h.m, 1, idrUnit(), 3600);
+    h.m->moov->node_flags &= uint8_t(~BOX_AUTO_SIZE);
+    h.m->moov->size = 65536;
+    mp4_audio_track_create(h.m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2); // a trak is added
+    EXPECT_NE(at(h.m->moov, "trak#2"), nullptr);
+    EXPECT_EQ(h.m->moov->size, 65536u);
+    for (int i = 0; i < 4; i++)
+        mp4_write_skip_data(h.m, nullptr, 0x40000000);
+    write(h.m, 1, pUnit(), 3600); // stco becomes co64
+    ASSERT_NE(table<Co64>(h.m, 1, "co64"), nullptr);
+    EXPECT_EQ(h.m->moov->size, 65536u);
+}
+
 TEST(SampleTables, NoPerSampleAllocationBetweenTableBoundaries) {
     Handle h(mp4_writer_create());
     mp4_video_track_create(h.m, fourcc("avc1"), 90000, 3600, 0, 64, 48, 66, 30);

@@ -189,8 +189,13 @@ bool openChunk(mp4_muxer *m, Box *stbl, Tables &t, uint64_t pos) {
         Co64 *co64 = static_cast<Co64 *>(newBox(fourcc("co64"), 16 + 8 * (n + 1)));
         co64->entries = wide;
         co64->entry_count = n + 1;
+        // A movie written into a reserved region keeps the region's size, whatever its
+        // boxes do.
+        const uint64_t fixed = (m->moov->node_flags & BOX_AUTO_SIZE) ? 0 : m->moov->size;
         deleteBox(t.stco);
         addBox(co64, stbl);
+        if (fixed)
+            m->moov->size = fixed;
         t.stco = nullptr;
         t.co64 = co64;
         return true;

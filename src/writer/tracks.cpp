@@ -291,6 +291,15 @@ Box *buildSubtitleTrak(uint32_t id, const mp4_track *t) {
 // movie then stays as it was.
 bool buildTrack(mp4_muxer *m, uint32_t id) {
     Box *moov = m->moov;
+    // A movie written into a reserved region keeps the region's size as tracks are added.
+    struct KeepFixedSize {
+        Box *moov;
+        uint64_t size;
+        ~KeepFixedSize() {
+            if (!(moov->node_flags & BOX_AUTO_SIZE))
+                moov->size = size;
+        }
+    } keep{moov, moov->size};
     Mvhd *mvhd = static_cast<Mvhd *>(getChild(moov, fourcc("mvhd")));
     if (!mvhd)
         return true;
