@@ -55,8 +55,9 @@ void trimTrack(Box *trak, uint64_t end) {
         const SampleEntry *entry =
             first->alloc_size >= sizeof(SampleEntry) ? static_cast<SampleEntry *>(first) : nullptr;
         if (entry && first->type == fourcc("sowt") && frame_bytes == 1) {
-            frame_bytes = entry->version == 1 ? entry->bytesPerFrame
-                                              : uint32_t(entry->channelcount) * entry->samplesize / 8;
+            frame_bytes = entry->version == 1
+                              ? entry->bytesPerFrame
+                              : uint32_t(entry->channelcount) * entry->samplesize / 8;
             if (frame_bytes == 0)
                 frame_bytes = 1;
         }
@@ -191,16 +192,23 @@ bool rescaleStts(Stts *stts, uint32_t from, uint32_t to) {
 // Divisor that brings a constant sample delta of a common frame rate to a small number.
 uint32_t deltaDivisor(uint32_t delta) {
     switch (delta) {
-    case 1920: return 240;
-    case 3003: return 3;
+    case 1920:
+        return 240;
+    case 3003:
+        return 3;
     case 3600:
     case 7200:
     case 10800:
-    case 18000: return 3600;
-    case 6006: return 6;
-    case 9009: return 9;
-    case 15015: return 15;
-    default: return 1;
+    case 18000:
+        return 3600;
+    case 6006:
+        return 6;
+    case 9009:
+        return 9;
+    case 15015:
+        return 15;
+    default:
+        return 1;
     }
 }
 
@@ -258,9 +266,9 @@ int updateMovieDurations(Box *moov) {
                 n++;
             // Built once, by the first finish.
             if (elst->entry_count <= n) {
-                void *p = mp4_realloc((elst->node_flags & BOX_OWNS_ARRAYS) ? elst->entries
-                                                                          : nullptr,
-                                      size_t(n + 1) * sizeof(ElstEntry));
+                void *p =
+                    mp4_realloc((elst->node_flags & BOX_OWNS_ARRAYS) ? elst->entries : nullptr,
+                                size_t(n + 1) * sizeof(ElstEntry));
                 if (!p) {
                     printf("Failed to realloc elst entries\n");
                     return 1;
