@@ -146,6 +146,23 @@ uint32_t trak_id(Box *trak) {
     return tkhd ? tkhd->track_ID : 0;
 }
 
+// Track numbers beyond this have no record: records are indexed by track_ID, and one input
+// number must not cost gigabytes of them.
+constexpr uint32_t MAX_TRACK_ID = 0xFFFF;
+
+// The value of next_track_id for a moov: one record per track number below the movie's
+// next_track_ID, but no more than its traks use, so that a large next_track_ID does not cost a
+// record per unused number.
+uint32_t records_needed(Box *moov, uint32_t movie_next) {
+    uint32_t top = 0;
+    for (Box *c = getChild(moov, fourcc("trak")); c; c = c->next) {
+        uint32_t id = c->type == fourcc("trak") ? trak_id(c) : 0;
+        if (id < movie_next && id <= MAX_TRACK_ID && id > top)
+            top = id;
+    }
+    return top + 1;
+}
+
 // Copies what the moov says about each track into a handle's records.
 void describe_tracks(mp4_muxer *h, Box *moov) {
     for (Box *trak = getChild(moov, fourcc("trak")); trak; trak = trak->next) {
@@ -338,7 +355,7 @@ bool adopt_moov(mp4_muxer *m, Box *moov) {
         deleteBox(moov);
         return false;
     }
-    uint32_t next = mvhd->next_track_ID ? mvhd->next_track_ID : 1;
+    uint32_t next = records_needed(moov, mvhd->next_track_ID);
     // The writer gets records as well: any later track created on the remuxer lands there and
     // grows the array one record at a time from what exists.
     if (!ensure_tracks(w, next) || !ensure_tracks(m, next)) {
@@ -644,18 +661,6 @@ void map_track(mp4_muxer *r, uint32_t movie_next, Box *mvex, Box *trak) {
         shrink_box(t.stss, 16);
     }
     t.mdhd->duration = 0;
-}
-
-// The track records a moov needs: one per track number below next_track_ID, but no more than
-// its traks use, so that a large next_track_ID does not cost a record per unused number.
-uint32_t records_needed(Box *moov, uint32_t movie_next) {
-    uint32_t top = 0;
-    for (Box *c = getChild(moov, fourcc("trak")); c; c = c->next) {
-        uint32_t id = c->type == fourcc("trak") ? trak_id(c) : 0;
-        if (id < movie_next && id > top)
-            top = id;
-    }
-    return top + 1;
 }
 
 bool alloc_reader_tracks(mp4_muxer *r, Mvhd *mvhd) {

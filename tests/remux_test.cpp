@@ -736,6 +736,34 @@ TEST(Defragment, HostileFragmentsCopyNothingAndHurtNothing) {
         EXPECT_TRUE(kv.second.samples.empty()) << "track " << kv.first;
 }
 
+TEST(Defragment, ALargeNextTrackIdCostsNoRecordPerNumber) {
+    TempDir dir;
+    Plan plan = synthetic(6, 3, 6, 3);
+    std::vector<Bytes> pieces = recordFragmented(plan, 6);
+    BoxRef mvhd = findBox(pieces[0], "moov/mvhd");
+    for (int i = 0; i < 4; i++)
+        pieces[0][mvhd.payload() + 4 + 92 + i] = 0xFF; // next_track_ID 0xFFFFFFFF
+    mp4_muxer *h = mp4_remuxer_create();
+    mp4_file_name_ascii(h, dir.file("plain.mp4").c_str());
+    mp4_buf_put(h, pieces[0].data(), uint32_t(pieces[0].size()));
+    mp4_remux(h);
+    mp4_buf_get(h);
+    EXPECT_EQ(h->next_track_id, 3u); // records for tracks 1 and 2 only
+    EXPECT_EQ(h->linked->next_track_id, 3u);
+    for (size_t i = 1; i < pieces.size(); i++) {
+        mp4_buf_put(h, pieces[i].data(), uint32_t(pieces[i].size()));
+        mp4_remux(h);
+        mp4_buf_get(h);
+    }
+    mp4_write_movie(h);
+    EXPECT_EQ(mp4_get_error(h), nullptr);
+    mp4_delete(h);
+    std::map<uint32_t, Track> tracks = tracksOf(readFile(dir.file("plain.mp4")));
+    auto expected = expectedSamples(plan);
+    EXPECT_EQ(tracks[1].samples, expected[1]);
+    EXPECT_EQ(tracks[2].samples, expected[2]);
+}
+
 // ---- refragmenting ---------------------------------------------------------------------------
 
 namespace {
