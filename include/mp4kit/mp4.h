@@ -57,17 +57,20 @@ mp4_muxer *mp4_reader_create(void);
 void mp4_delete(mp4_muxer *m);
 /* Bit 0 of on switches the box dump on stdout (on the linked handle when there is one). */
 void mp4_debug(mp4_muxer *m, int on);
-/* Attaches a file descriptor (never closed by the library). */
+/* Attaches a file descriptor (never closed by the library); on a remuxer, to its linked half.
+ * Leaves no error. */
 void mp4_file_descriptor(mp4_muxer *m, int fd);
-/* Attaches a stdio stream (never closed by the library). */
+/* Attaches a stdio stream (never closed by the library). Leaves no error. */
 void mp4_file_pointer(mp4_muxer *m, FILE *stream);
-/* Attaches a second stdio stream that mirrors every write of the first. */
+/* Attaches a second stdio stream that mirrors every write of the first. Leaves no error. */
 void mp4_file2_pointer(mp4_muxer *m, FILE *stream);
 /* Opens path ("rb" for a reader, "w+b" for a writer); closed by mp4_delete. Error 10. */
 void mp4_file_name_ascii(mp4_muxer *m, const char *path);
-/* Sets the process-wide compressor name of video sample entries (at most 32 bytes). */
+/* Sets the process-wide compressor name of video sample entries (at most 32 bytes; default
+ * "Talvorin 4417"). Affects handles' entries written afterwards. */
 void mp4_compressor_name(const char *name);
-/* Attaches a caller memory buffer at the current stream position (not copied, not freed). */
+/* Attaches a caller memory buffer at the current stream position (not copied, not freed).
+ * Writes past its end go to an internal overflow area and leave error 6. */
 void mp4_buf_put(mp4_muxer *m, uint8_t *data, uint32_t size);
 /* Detaches the buffer; returns the bytes filled (writer) or consumed (reader). */
 uint32_t mp4_buf_get(mp4_muxer *m);
@@ -90,17 +93,20 @@ Box *getChild(Box *box, uint32_t type);
 /* Parent of box, or NULL. */
 Box *getParent(Box *box);
 /* Reads (reader) or writes (writer) one box as a child of parent and links it; with m NULL it
- * only links box. Returns the box linked, or NULL when the read failed. */
+ * only links box. Returns the box linked, or NULL when the read failed (input ran out, or
+ * errors 2, 3, 5). Writing can leave errors 1, 4, 5, 6, 8. */
 Box *rwSubBox(mp4_muxer *m, Box *box, Box *parent);
 
 /* ---- codec parameter data ---------------------------------------------------------------- */
 
 /* Captures H.264 SPS/PPS (Annex B, 4-byte start codes) or an MPEG-4 Visual header from
- * encoder output; the bytes are copied into the handle. */
+ * encoder output; the bytes are copied into the handle, so data may be freed on return.
+ * Unrecognised data is reported on stdout and changes nothing. Leaves no error. */
 void mp4_set_parameter_data(mp4_muxer *m, const uint8_t *data, uint32_t length);
-/* Size of the parameter data of the loaded movie (Annex B for H.264), or 0. */
+/* Size in bytes of the parameter data of the loaded movie (Annex B for H.264), or 0. */
 uint32_t mp4_get_parameter_size(mp4_muxer *m);
-/* Copies the parameter data (mp4_get_parameter_size bytes) into buffer; readers only. */
+/* Copies the parameter data (mp4_get_parameter_size bytes) into buffer; readers only.
+ * Leaves no error. */
 void mp4_get_parameter_data(mp4_muxer *m, uint8_t *buffer);
 
 /* ---- writer ------------------------------------------------------------------------------ */
@@ -123,35 +129,45 @@ uint32_t mp4_subtitle_track_create(mp4_muxer *m, uint32_t fourcc, const char *na
  * Errors: 2, 8, 9 (size limit), 6 (memory buffer overflow). */
 void mp4_write_track(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t size,
                      uint32_t duration);
-/* Writes an opaque 'skip' box holding data; size 0 writes nothing. */
+/* Writes an opaque 'skip' box holding data; size 0 writes nothing. Errors: 1, 6, 8. */
 void mp4_write_skip_data(mp4_muxer *m, const uint8_t *data, uint32_t size);
-/* Holds audio back and writes it in one chunk per period (audio timescale ticks); 0 = off. */
+/* Holds audio back and writes it in one chunk per period (audio timescale ticks); 0 = off.
+ * Set before the first sample. Holding a sample can later leave error 2. */
 void mp4_interleave_duration(mp4_muxer *m, uint32_t period);
 /* Reserves max_moov_size bytes for the movie header at the start of the file, rewritten every
- * interval ticks of video. Call before the first sample. */
+ * interval ticks of video. Call before the first sample. When the movie outgrows the
+ * reservation, mp4_write_track leaves error 6 and the movie goes to the end at the finish. */
 void mp4_set_moov_mode(mp4_muxer *m, uint32_t max_moov_size, uint32_t interval);
-/* As mp4_set_moov_mode, the reservation estimated for max_minutes of recording. */
+/* As mp4_set_moov_mode, the reservation estimated for max_minutes of recording from the
+ * tracks' default durations, rewritten every interval_seconds (90 kHz video). */
 void mp4_set_moov_max_duration(mp4_muxer *m, uint32_t max_minutes, uint32_t interval_seconds);
-/* Writes a movie fragment header ('moof') describing the queued samples (buffer output). */
+/* Writes a movie fragment header ('moof') describing the queued samples (buffer output).
+ * Errors: 1, 6, 8. */
 void mp4_write_frag_header(mp4_muxer *m);
 /* Finishes the movie: plain file, fragmented header, or remuxer output. Errors: 2, 3, 8. */
 void mp4_write_movie(mp4_muxer *m);
-/* Installs the sample callback (NULL turns it off). */
+/* Installs the sample callback (NULL turns it off). Leaves no error. */
 void mp4_set_callback(mp4_muxer *m, mp4_callback callback);
-/* Limits the written file's size (0 = no limit); samples past it fail with error 9. */
+/* Limits the written file's size (0 = no limit); samples past it fail with error 9, and the
+ * file stays playable. */
 void mp4_max_file_size(mp4_muxer *m, uint64_t limit);
 
 /* ---- reader ------------------------------------------------------------------------------ */
 
-/* 1 fragmented, 0 plain, -1 cannot tell. The input position is restored. */
+/* 1 fragmented, 0 plain, -1 cannot tell. The input position is restored; the movie stays
+ * loaded. A failed read can leave errors 2, 3, 5. */
 int mp4_is_fragmented(mp4_muxer *m);
-/* Buffered fragment reading: points *data at the next mdat payload in the attached buffer. */
+/* Buffered fragment reading: points *data at the next mdat payload in the attached buffer and
+ * sets *length; both are left unchanged when no whole mdat is in the buffer (attach more).
+ * A failed read can leave errors 2, 3, 5. */
 void mp4_get_mdat(mp4_muxer *m, uint8_t **data, uint32_t *length);
-/* Delivers the audio due and the next video sample to the callback. 0, or -1 at the end. */
+/* Delivers the audio due and the next video sample to the callbacks. 0, or -1 at the end or
+ * when the movie cannot be loaded (errors 2, 3, 5 from reading). */
 int mp4_play(mp4_muxer *m);
 /* Same, backwards. 0, or -1 at the start. */
 int mp4_play_reverse(mp4_muxer *m);
-/* Moves playback to the sync sample before time (video timescale). 0 or -1. */
+/* Moves playback to the last sync sample starting before time (video timescale). 0, or -1
+ * without a video track or with incomplete tables. Loading can leave errors 2, 3, 5. */
 int mp4_seek(mp4_muxer *m, uint64_t time);
 /* Decode time of the next sample of track (low 32 bits), then advances it by its default
  * duration. 0 for a bad track. */
@@ -167,18 +183,24 @@ uint32_t mp4_get_samplerate(mp4_muxer *m, uint32_t track_ID);
 
 /* ---- remuxers ---------------------------------------------------------------------------- */
 
-/* Fragmented to plain: a reader fed with mp4_buf_put whose linked writer makes the file. */
+/* Fragmented to plain: a reader fed with mp4_buf_put whose linked writer makes the file.
+ * Returns NULL when memory runs out. */
 mp4_muxer *mp4_remuxer_create(void);
-/* Plain to fragmented: a writer to memory buffers whose linked reader reads the file. */
+/* Plain to fragmented: a writer to memory buffers whose linked reader reads the file.
+ * Returns NULL when memory runs out. */
 mp4_muxer *mp4_refrag_create(void);
-/* One pass of the remuxer (direction chosen by which half is the reader). */
+/* One pass of the remuxer (direction chosen by which half is the reader). Errors of either
+ * half: 1, 2, 3, 5, 6, 7, 8. */
 void mp4_remux(mp4_muxer *m);
 
 /* ---- extensions -------------------------------------------------------------------------- */
 
-/* Playback and seeking across differing audio/video timescales; off by default. */
+/* Playback and seeking across differing audio/video timescales; off by default (playback then
+ * stops with -1 when the audio and video timescales differ). */
 void mp4_play_mixed_timescales(mp4_muxer *m, int on);
-/* Per-sample callback with track number and context, called after the plain callback. */
+/* Per-sample callback with the track number and the caller's context pointer: called for every
+ * sample the plain callback is called for (writer and reader), after it when both are set.
+ * NULL turns it off. */
 void mp4_set_sample_callback(mp4_muxer *m, mp4_sample_fn fn, void *opaque);
 
 #ifdef __cplusplus
