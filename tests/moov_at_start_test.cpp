@@ -645,4 +645,37 @@ TEST(MoovSetup, AnOutputThatAlreadyHoldsBytesGetsNoReservation) {
     EXPECT_EQ(samplesListed(f, 1), 20u);
 }
 
+// ---- the recording tool --------------------------------------------------------------------------
+
+TEST(MoovTool, RecordWithTheHeaderAtTheStartAndInterleavedAudio) {
+    SKIP_WITHOUT_TOOL();
+    SKIP_WITHOUT_FFPROBE();
+    test_util::TempDir dir;
+    const std::string out = dir.file("tool.mp4");
+    std::string printed;
+    ASSERT_EQ(test_util::run(test_util::quote(test_util::toolPath()) + " record -o " +
+                                 test_util::quote(out) + " --h264 " +
+                                 test_util::quote(test_util::dataPath("sample.h264")) + " --aac " +
+                                 test_util::quote(test_util::dataPath("sample.aac")) +
+                                 " --interleave 24000 --moov-at-start 1 --update 1",
+                             &printed),
+              0)
+        << printed;
+    // One minute of 25 fps video and 48 kHz audio: 1500 and 2812 frames.
+    EXPECT_NE(printed.find("mp4_set_moov_max_duration: max_minutes=1 interval_seconds=1\n"),
+              std::string::npos)
+        << printed;
+    EXPECT_NE(printed.find("video_frames=1500 audio_frames=2812 est_size=98304\n"),
+              std::string::npos)
+        << printed;
+    Bytes f = test_util::readFile(out);
+    EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"ftyp", "moov", "free", "mdat"}));
+    EXPECT_EQ(test_util::findBox(f, "moov").size, 98304u);
+    // Half-second bursts of audio, each a chunk.
+    test_util::BoxRef stco = test_util::findBox(f, "moov/trak#2/mdia/minf/stbl/stco");
+    ASSERT_TRUE(stco.found);
+    EXPECT_EQ(be32(&f[stco.payload() + 4]), 7u);
+    expectPlays(out, "75", "142");
+}
+
 } // namespace
