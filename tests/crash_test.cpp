@@ -201,8 +201,8 @@ TEST(Crash, AKilledRecordingPlaysUpToItsLastUpdate) {
         const bool at_update_in_call = in_video_call && video == written[0] && audio == written[1];
         EXPECT_TRUE(at_last_update || at_update_in_call)
             << "file lists " << video << " video and " << audio << " audio samples; the last "
-            << "update covered " << listed[0] << " and " << listed[1] << ", written "
-            << written[0] << " and " << written[1];
+            << "update covered " << listed[0] << " and " << listed[1] << ", written " << written[0]
+            << " and " << written[1];
         EXPECT_GT(video, 0u);
         EXPECT_EQ(test_util::decodeErrors(path), "");
     }

@@ -17,13 +17,18 @@ using Bytes = std::vector<uint8_t>;
 using test_util::be32;
 using test_util::be64;
 
-// ---- input -------------------------------------------------------------------------------------
+// ---- input --------------------------------------------------------------------------------------
 
 // An ADTS frame (no CRC) around `payload`.
 Bytes adts(const Bytes &payload) {
     size_t len = payload.size() + 7;
-    Bytes f = {0xFF, 0xF1, 0x4C, uint8_t(0x80 | ((len >> 11) & 3)), uint8_t(len >> 3),
-               uint8_t(((len & 7) << 5) | 0x1F), 0xFC};
+    Bytes f = {0xFF,
+               0xF1,
+               0x4C,
+               uint8_t(0x80 | ((len >> 11) & 3)),
+               uint8_t(len >> 3),
+               uint8_t(((len & 7) << 5) | 0x1F),
+               0xFC};
     f.insert(f.end(), payload.begin(), payload.end());
     return f;
 }
@@ -37,7 +42,9 @@ Bytes pattern(uint32_t track, uint32_t index, size_t n) {
 }
 
 // Audio payload sizes that vary, as an encoder's do.
-size_t audioSize(uint32_t index) { return 40 + (index * 37) % 200; }
+size_t audioSize(uint32_t index) {
+    return 40 + (index * 37) % 200;
+}
 
 const Bytes SPS = {0x67, 0x42, 0xC0, 0x1E, 0xD9, 0x01, 0x41, 0xFB, 0x01, 0x10};
 const Bytes PPS = {0x68, 0xCB, 0x83, 0xCB};
@@ -62,7 +69,7 @@ void videoUnit(uint32_t index, Bytes *unit, Bytes *stored) {
     stored->insert(stored->end(), slice.begin(), slice.end());
 }
 
-// ---- what the writer reports -------------------------------------------------------------------
+// ---- what the writer reports --------------------------------------------------------------------
 
 struct Written {
     uint32_t track;
@@ -82,7 +89,7 @@ int onSample(void *opaque, uint32_t track, uint64_t offset, uint64_t, uint32_t s
     return 0;
 }
 
-// ---- sample tables read from the file's bytes ------------------------------------------------
+// ---- sample tables read from the file's bytes ---------------------------------------------------
 
 struct FileTrack {
     std::vector<uint32_t> sizes;
@@ -191,7 +198,7 @@ long deliveredIn(uint64_t f, uint64_t duration, uint64_t period) {
     return long((period_end + duration - 1) / duration);
 }
 
-// ---- one audio track -------------------------------------------------------------------------
+// ---- one audio track ----------------------------------------------------------------------------
 
 TEST(Interleave, AudioAloneIsWrittenInOneChunkPerPeriod) {
     Recording r(48000);
@@ -239,13 +246,12 @@ TEST(Interleave, AudioAloneIsWrittenInOneChunkPerPeriod) {
 
 TEST(Interleave, WithVideoEachAudioBurstIsOneChunkBetweenRunsOfVideo) {
     Recording r(48000);
-    uint32_t video =
-        mp4_video_track_create(r.m, fourcc("avc1"), 90000, 3600, 0, 128, 96, 66, 30);
+    uint32_t video = mp4_video_track_create(r.m, fourcc("avc1"), 90000, 3600, 0, 128, 96, 66, 30);
     uint32_t audio = mp4_audio_track_create(r.m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
     std::vector<Bytes> vgiven, agiven;
     uint32_t v = 0, a = 0;
     std::vector<long> audio_calls; // the call index at which each audio frame was delivered
-    while (v < 250) { // 10 s of 25 fps video with the audio due by each frame
+    while (v < 250) {              // 10 s of 25 fps video with the audio due by each frame
         Bytes unit, stored;
         videoUnit(v, &unit, &stored);
         vgiven.push_back(stored);
@@ -332,7 +338,7 @@ TEST(Interleave, FinishWritesTheLastPartialBurstBeforeTheMediaDataIsClosed) {
     expectSamples(f, 1, given);
 }
 
-// ---- the buffer --------------------------------------------------------------------------------
+// ---- the buffer ---------------------------------------------------------------------------------
 
 TEST(InterleaveBuffer, GrowsInWhole64KiBStepsAndIsReusedAfterABurst) {
     Recording r(48000);
@@ -429,7 +435,7 @@ TEST(InterleaveBuffer, ALongSampleOverAShortPeriodMovesTheDeadlineAtOnce) {
     EXPECT_EQ(r.log.written.size(), 2u);
 }
 
-// ---- several audio tracks ----------------------------------------------------------------------
+// ---- several audio tracks -----------------------------------------------------------------------
 
 // Held samples of all tracks lie one after the other from the start of the buffer.
 void expectPackedBuffer(mp4_muxer *m) {
@@ -448,8 +454,7 @@ void expectPackedBuffer(mp4_muxer *m) {
 
 TEST(InterleaveTracks, TwoAudioTracksShareTheBufferWithoutOverlap) {
     Recording r(48000);
-    uint32_t video =
-        mp4_video_track_create(r.m, fourcc("avc1"), 90000, 3600, 0, 128, 96, 66, 30);
+    uint32_t video = mp4_video_track_create(r.m, fourcc("avc1"), 90000, 3600, 0, 128, 96, 66, 30);
     uint32_t a1 = mp4_audio_track_create(r.m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
     uint32_t a2 = mp4_audio_track_create(r.m, fourcc("mp4a"), 32000, 1024, 0, 32000, 1);
     std::vector<Bytes> vgiven, g1, g2;
@@ -501,7 +506,7 @@ TEST(InterleaveTracks, TwoAudioTracksShareTheBufferWithoutOverlap) {
     EXPECT_LT(t2.chunks.size(), g2.size() / 20);
 }
 
-// ---- real streams ------------------------------------------------------------------------------
+// ---- real streams -------------------------------------------------------------------------------
 
 TEST(InterleaveInterop, RecordingOfTheSampleStreamsPlays) {
     SKIP_WITHOUT_FFPROBE();

@@ -21,7 +21,7 @@ using Bytes = std::vector<uint8_t>;
 using test_util::be32;
 using test_util::be64;
 
-// ---- the sample streams ----------------------------------------------------------------------
+// ---- the sample streams -------------------------------------------------------------------------
 
 struct Streams {
     Bytes h264 = test_util::readFile(test_util::dataPath("sample.h264"));
@@ -60,7 +60,7 @@ void addTracks(mp4_muxer *m) {
     mp4_audio_track_create(m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
 }
 
-// ---- the file's bytes --------------------------------------------------------------------------
+// ---- the file's bytes ---------------------------------------------------------------------------
 
 // Samples of track n as the movie in the file lists them (0 when it lists none).
 uint32_t samplesListed(const Bytes &f, int n) {
@@ -111,7 +111,7 @@ uint64_t emptyMovieSize(bool mov = false) {
     return pad.offset - moov.offset;
 }
 
-// ---- the estimate ------------------------------------------------------------------------------
+// ---- the estimate -------------------------------------------------------------------------------
 
 TEST(MoovEstimate, SixtyMinutesOfVideoAndAudioReserve3047424Bytes) {
     test_util::TempDir dir;
@@ -189,7 +189,7 @@ TEST(MoovEstimate, TracksWithoutADefaultDurationKeepTheDefaults) {
     mp4_delete(m);
 }
 
-// ---- the setters -------------------------------------------------------------------------------
+// ---- the setters --------------------------------------------------------------------------------
 
 TEST(MoovSetters, SizeZeroTurnsTheModeOffAtTheFirstSample) {
     test_util::TempDir dir;
@@ -258,7 +258,7 @@ TEST(MoovSetters, IntervalsBeyondTheFieldSaturate) {
     mp4_delete(m);
 }
 
-// ---- updates -----------------------------------------------------------------------------------
+// ---- updates ------------------------------------------------------------------------------------
 
 TEST(MoovUpdates, AfterTheVideoSampleThatReachesEachIntervalTheFileHoldsEverythingWritten) {
     SKIP_WITHOUT_FFPROBE();
@@ -402,7 +402,7 @@ TEST(MoovUpdates, AStreamWithoutADescriptorIsUpdatedThroughItsOwnWrites) {
     fclose(fp);
 }
 
-// ---- the finish ----------------------------------------------------------------------------------
+// ---- the finish ---------------------------------------------------------------------------------
 
 TEST(MoovFinish, WithinTheReservationTheMovieStaysAtTheStartPadded) {
     SKIP_WITHOUT_FFPROBE();
@@ -444,10 +444,8 @@ void expectMovieAtTheEnd(const std::string &path, uint32_t reserved, bool mov, s
                          size_t audio) {
     Bytes f = test_util::readFile(path);
     const std::string pad = mov ? "wide" : "free";
-    EXPECT_EQ(test_util::topLevel(f),
-              (std::vector<std::string>{"ftyp", pad, pad, "mdat", "moov"}));
-    std::vector<std::pair<std::string, test_util::BoxRef>> top =
-        test_util::boxesIn(f, 0, f.size());
+    EXPECT_EQ(test_util::topLevel(f), (std::vector<std::string>{"ftyp", pad, pad, "mdat", "moov"}));
+    std::vector<std::pair<std::string, test_util::BoxRef>> top = test_util::boxesIn(f, 0, f.size());
     ASSERT_EQ(top.size(), 5u);
     EXPECT_EQ(top[1].second.size, reserved);
     // The region is blank: nothing of the movie written there stays.
@@ -552,7 +550,8 @@ TEST(MoovFinish, AMovieThatWouldLeaveAGapTooSmallForPaddingGoesToTheEnd) {
         mp4_write_movie(m);
         mp4_delete(m);
         Bytes f = test_util::readFile(dir.file("probe.mp4"));
-        one_frame = test_util::findBox(f, "moov/free").offset - test_util::findBox(f, "moov").offset;
+        one_frame =
+            test_util::findBox(f, "moov/free").offset - test_util::findBox(f, "moov").offset;
     }
     ASSERT_GT(one_frame, empty + 8);
     for (uint64_t slack : {0, 1, 8, 9}) {
@@ -580,7 +579,7 @@ TEST(MoovFinish, AMovieThatWouldLeaveAGapTooSmallForPaddingGoesToTheEnd) {
     }
 }
 
-// ---- reservations that cannot be used ------------------------------------------------------------
+// ---- reservations that cannot be used -----------------------------------------------------------
 
 TEST(MoovSetup, AReservationTooSmallForTheEmptyMovieIsGivenUpAtOnce) {
     SKIP_WITHOUT_FFPROBE();
@@ -645,7 +644,7 @@ TEST(MoovSetup, AnOutputThatAlreadyHoldsBytesGetsNoReservation) {
     EXPECT_EQ(samplesListed(f, 1), 20u);
 }
 
-// ---- the recording tool --------------------------------------------------------------------------
+// ---- the recording tool -------------------------------------------------------------------------
 
 TEST(MoovTool, RecordWithTheHeaderAtTheStartAndInterleavedAudio) {
     SKIP_WITHOUT_TOOL();

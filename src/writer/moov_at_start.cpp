@@ -104,8 +104,8 @@ void setup_moov_at_start(mp4_muxer *m) {
     const uint64_t size = coded_movie_size(m, at);
     if (!fits(m, size)) {
         // Not even the empty movie fits: the mode is abandoned at once, as an update would.
-        printf("%s: movie of %lu bytes does not fit the %u bytes reserved\n",
-               "setup_moov_at_start", (unsigned long)size, m->max_moov_size);
+        printf("%s: movie of %lu bytes does not fit the %u bytes reserved\n", "setup_moov_at_start",
+               (unsigned long)size, m->max_moov_size);
         m->error = MP4_ERR_OVERFLOW;
         m->moov_interval = 0;
         if (m->max_moov_size < 8) {
