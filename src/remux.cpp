@@ -102,13 +102,26 @@ void prepare_for_writing(Box *parent, int depth) {
     }
 }
 
-// Size of the file behind a reader, 0 when unknown (no file, or not a regular file).
+// Size of the input behind a reader, 0 when unknown (a memory buffer, or a stream that cannot
+// seek). Found by seeking to the end and back, which also works for streams without a
+// descriptor of their own.
 uint64_t input_size(mp4_muxer *r) {
-    struct stat st;
-    int fd = r->fd != -1 ? r->fd : (r->fp ? fileno(r->fp) : -1);
-    if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
-        return 0;
-    return uint64_t(st.st_size);
+    if (r->fd != -1) {
+        off64_t here = lseek64(r->fd, 0, SEEK_CUR);
+        off64_t end = here < 0 ? -1 : lseek64(r->fd, 0, SEEK_END);
+        if (here >= 0)
+            lseek64(r->fd, here, SEEK_SET);
+        return end > 0 ? uint64_t(end) : 0;
+    }
+    if (r->fp) {
+        off64_t here = ftello64(r->fp);
+        if (here < 0 || fseeko64(r->fp, 0, SEEK_END) != 0)
+            return 0;
+        off64_t end = ftello64(r->fp);
+        fseeko64(r->fp, here, SEEK_SET);
+        return end > 0 ? uint64_t(end) : 0;
+    }
+    return 0;
 }
 
 // A movie tree taken from input is written back by the remuxers; it must not claim more bytes

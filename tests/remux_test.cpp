@@ -1012,6 +1012,35 @@ TEST(Refragment, ASampleThatCannotBeHeldIsLostWithErrorTwo) {
     EXPECT_EQ(fragmentOrder(stream, plan), want);
 }
 
+TEST(Refragment, AMovieClaimingMoreThanItsInputIsRefused) {
+    TempDir dir;
+    Plan plan = synthetic(4, 4, 4, 4);
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    BoxRef moov = findBox(f, "moov");
+    ASSERT_EQ(moov.end(), f.size()); // the movie is the last box
+    uint32_t claim = uint32_t(moov.size + (64u << 20));
+    for (int i = 0; i < 4; i++)
+        f[moov.offset + i] = uint8_t(claim >> (24 - 8 * i));
+    // A stream without a descriptor: its length is found by seeking.
+    FILE *in = fmemopen(f.data(), f.size(), "rb");
+    ASSERT_NE(in, nullptr);
+    mp4_muxer *h = mp4_refrag_create();
+    mp4_file_pointer(h, in);
+    Bytes buffer(1 << 20);
+    testing::internal::CaptureStdout();
+    mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+    mp4_remux(h);
+    uint32_t n = mp4_buf_get(h);
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("refrag: moov larger than its input\n"), std::string::npos) << said;
+    EXPECT_EQ(mp4_get_error_code(h), 3u);
+    Bytes out(buffer.begin(), buffer.begin() + n);
+    EXPECT_EQ(topLevel(out), (std::vector<std::string>{"ftyp"})); // no movie written
+    mp4_delete(h);
+    fclose(in);
+}
+
 TEST(Refragment, ConstantSizePcmIsMappedByTheBytesOfAFrame) {
     SKIP_WITHOUT_FFPROBE();
     TempDir dir;
