@@ -349,13 +349,6 @@ uint32_t settle_duration(mp4_muxer *m, uint32_t track_ID, uint32_t duration) {
 // Takes a moov read from the input as the movie tree of both halves. False ends the pass.
 bool adopt_moov(mp4_muxer *m, Box *moov) {
     mp4_muxer *w = m->linked;
-    auto *mvhd = child<Mvhd>(moov, fourcc("mvhd"));
-    if (!mvhd) {
-        printf("%s: moov without mvhd\n", "defrag");
-        m->error = MP4_ERR_BAD_INPUT;
-        deleteBox(moov);
-        return false;
-    }
     if (m->moov || w->moov) {
         // The writer is already filling a tree; a second one would orphan its tables.
         printf("%s: ignoring another moov\n", "defrag");
@@ -364,6 +357,14 @@ bool adopt_moov(mp4_muxer *m, Box *moov) {
     }
     if (!plausible_movie(m, moov)) {
         printf("%s: moov larger than its input\n", "defrag");
+        m->error = MP4_ERR_BAD_INPUT;
+        deleteBox(moov);
+        return false;
+    }
+    // Looked up once the tree is prepared: an mvhd that was not decoded is gone by now.
+    auto *mvhd = child<Mvhd>(moov, fourcc("mvhd"));
+    if (!mvhd) {
+        printf("%s: moov without mvhd\n", "defrag");
         m->error = MP4_ERR_BAD_INPUT;
         deleteBox(moov);
         return false;
@@ -767,14 +768,15 @@ void refrag(mp4_muxer *m) {
     }
 
     if (!m->tracks) {
-        auto *mvhd = child<Mvhd>(r->moov, fourcc("mvhd"));
-        if (!mvhd) {
-            printf("%s: moov without mvhd\n", "refrag");
+        if (!plausible_movie(r, r->moov)) {
+            printf("%s: moov larger than its input\n", "refrag");
             m->error = MP4_ERR_BAD_INPUT;
             return;
         }
-        if (!plausible_movie(r, r->moov)) {
-            printf("%s: moov larger than its input\n", "refrag");
+        // Looked up once the tree is prepared: an mvhd that was not decoded is gone by now.
+        auto *mvhd = child<Mvhd>(r->moov, fourcc("mvhd"));
+        if (!mvhd) {
+            printf("%s: moov without mvhd\n", "refrag");
             m->error = MP4_ERR_BAD_INPUT;
             return;
         }

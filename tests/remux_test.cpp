@@ -650,6 +650,28 @@ TEST(Defragment, AMoovWithoutMvhdStopsThePass) {
     mp4_delete(h);
 }
 
+TEST(Defragment, AnMvhdReachingOutOfItsMoovIsNotUsed) {
+    // A 24-byte moov whose mvhd claims 108 bytes: decoded from the bytes after the moov, then
+    // dropped as reaching outside it.
+    Bytes mvhd(100, 0);
+    mvhd[99] = 3; // next_track_ID
+    Bytes stream;
+    put32(stream, 24);
+    putType(stream, "moov");
+    append(stream, box("mvhd", mvhd));
+    mp4_muxer *h = mp4_remuxer_create();
+    testing::internal::CaptureStdout();
+    mp4_buf_put(h, stream.data(), uint32_t(stream.size()));
+    mp4_remux(h);
+    mp4_buf_get(h);
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("defrag: moov without mvhd\n"), std::string::npos) << said;
+    EXPECT_EQ(mp4_get_error_code(h), 3u);
+    EXPECT_EQ(h->moov, nullptr);
+    EXPECT_EQ(h->next_track_id, 1u);
+    mp4_delete(h);
+}
+
 namespace {
 
 // A moof for track 1 whose one sample lies at `base` and has `size` bytes.
