@@ -650,6 +650,16 @@ void map_track(mp4_muxer *r, uint32_t movie_next, Box *mvex, Box *trak) {
     rec.samples = map;
     // Samples the chunks do not reach are not copied.
     rec.sample_alloc = map_samples(t, constant_size(t, rec.handler_type), map);
+    // Nor is anything the input does not hold: a sample reaching past its end keeps the bytes
+    // that exist, so no table entry can make a copy larger than the file.
+    if (uint64_t limit = input_size(r)) {
+        for (uint32_t i = 0; i < rec.sample_alloc; i++) {
+            mp4_sample &s = map[i];
+            uint64_t room = s.offset < limit ? limit - s.offset : 0;
+            if (s.size > room)
+                s.size = uint32_t(room);
+        }
+    }
     rec.sample_count = 0;
     rec.default_duration = first_delta;
     rec.timescale = t.mdhd->timescale;

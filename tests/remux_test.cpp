@@ -1063,6 +1063,28 @@ TEST(Refragment, AMovieClaimingMoreThanItsInputIsRefused) {
     fclose(in);
 }
 
+TEST(Refragment, ASampleReachingPastTheFileKeepsOnlyWhatTheFileHolds) {
+    TempDir dir;
+    Plan plan = synthetic(4, 4, 0, 0);
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    std::map<uint32_t, Track> before = tracksOf(f);
+    BoxRef stsz = findBox(f, "moov/trak#1/mdia/minf/stbl/stsz");
+    BoxRef stco = findBox(f, "moov/trak#1/mdia/minf/stbl/stco");
+    uint64_t first = be32(&f[stco.payload() + 8]); // the one chunk's offset
+    for (int i = 0; i < 4; i++)
+        f[stsz.payload() + 12 + 4 * 2 + i] = 0xFF; // the third sample claims 4 GiB
+    writeFile(dir.file("patched.mp4"), f);
+    Bytes stream = refragment(dir.file("patched.mp4"));
+    std::vector<uint64_t> sizes;
+    for (auto &kv : boxesIn(stream, 0, stream.size()))
+        if (kv.first == "mdat")
+            sizes.push_back(kv.second.size - 8);
+    uint64_t third = first + before[1].samples[0].size + before[1].samples[1].size;
+    EXPECT_EQ(sizes, (std::vector<uint64_t>{before[1].samples[0].size, before[1].samples[1].size,
+                                            f.size() - third, 0}));
+}
+
 TEST(Refragment, ConstantSizePcmIsMappedByTheBytesOfAFrame) {
     SKIP_WITHOUT_FFPROBE();
     TempDir dir;
