@@ -74,13 +74,34 @@ bool is_container(uint32_t type) {
     }
 }
 
+bool es_fits(const ES_Descriptor &es, uint64_t room) {
+    const DecoderConfigDescriptor &dc = es.decConfigDescr;
+    return es.length <= room && (!(es.present & 1) || dc.length <= es.length) &&
+           (!(es.present & 1) || !(dc.present & 1) || dc.decSpecificInfo.length <= dc.length) &&
+           (!(es.present & 2) || es.slConfigDescr.length <= es.length);
+}
+
+// Whether the descriptor lengths held by an esds or iods fit inside the box. They are written
+// back as they stand, and the codec moves to the end each one declares: a length taken from
+// hostile input would move the output forward by up to 256 MiB.
+bool descriptors_fit(Box *b) {
+    if (b->type == fourcc("esds") && b->alloc_size >= sizeof(Esds))
+        return es_fits(static_cast<Esds *>(b)->es, b->size);
+    if (b->type == fourcc("iods") && b->alloc_size >= sizeof(Iods)) {
+        const InitialObjectDescriptor &iod = static_cast<Iods *>(b)->iod;
+        return iod.length <= b->size && es_fits(iod.esDescr, iod.length);
+    }
+    return true;
+}
+
 // Prepares a movie tree read from input for being written back.
 // - A box that claims to reach beyond its parent's end cannot hold what it claims, and writing
 //   it back would move the output forward by whatever the input declared. It is unlinked
 //   without touching any size: its claim cannot be subtracted safely. Eight bytes of slack cover
 //   a 64-bit header, whose length the node does not record.
 // - A box the codec did not decode holds only its header: written back, its content would
-//   become zeros, so it goes, and its ancestors shrink by its size (which fits in them).
+//   become zeros, so it goes, and its ancestors shrink by its size (which fits in them). So does
+//   a descriptor box whose lengths do not fit in it.
 void prepare_for_writing(Box *parent, int depth) {
     if (depth > 32)
         return;
@@ -93,7 +114,8 @@ void prepare_for_writing(Box *parent, int depth) {
             start + c->size > parent_end + 8) {
             detach(c);
             deleteBox(c);
-        } else if (!is_container(c->type) && c->alloc_size < recordSize(c->type)) {
+        } else if ((!is_container(c->type) && c->alloc_size < recordSize(c->type)) ||
+                   !descriptors_fit(c)) {
             deleteBox(c);
         } else {
             prepare_for_writing(c, depth + 1);

@@ -1085,6 +1085,27 @@ TEST(Refragment, ASampleReachingPastTheFileKeepsOnlyWhatTheFileHolds) {
                                             f.size() - third, 0}));
 }
 
+TEST(Refragment, BoxesThatCannotBeWrittenBackFaithfullyAreLeftOut) {
+    TempDir dir;
+    Plan plan = synthetic(4, 4, 4, 4);
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes f = readFile(dir.file("plain.mp4"));
+    // An ES descriptor claiming 127 bytes in a 40-byte esds, and a box the codec does not know.
+    BoxRef esds = findBox(f, "moov/trak#2/mdia/minf/stbl/stsd/mp4a/esds");
+    ASSERT_EQ(f[esds.payload() + 4], 0x03);
+    f[esds.payload() + 5] = 0x7F;
+    renameBox(f, "moov/trak#1/mdia/minf/vmhd", "zzzz");
+    writeFile(dir.file("patched.mp4"), f);
+    Bytes stream = refragment(dir.file("patched.mp4"));
+    BoxRef mp4a = findBox(stream, "moov/trak#2/mdia/minf/stbl/stsd/mp4a");
+    ASSERT_TRUE(mp4a.found);
+    EXPECT_TRUE(boxesIn(stream, mp4a.payload() + 28, mp4a.end()).empty());
+    EXPECT_FALSE(findBox(stream, "moov/trak#1/mdia/minf/zzzz").found);
+    // The rest of the movie is intact and measured: the samples still follow it.
+    EXPECT_EQ(countBoxes(stream, "mdat"), 8);
+    EXPECT_TRUE(findBox(stream, "moov/trak#1/mdia/minf/stbl/stsd/avc1/avcC").found);
+}
+
 TEST(Refragment, ConstantSizePcmIsMappedByTheBytesOfAFrame) {
     SKIP_WITHOUT_FFPROBE();
     TempDir dir;
