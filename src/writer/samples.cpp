@@ -74,6 +74,24 @@ void writeLayout(mp4_muxer *m, const Layout &l) {
     writeBytes(m, l.data, l.size);
 }
 
+// A sample already in stored form is a run of 4-byte-length-prefixed NAL units, and files made
+// by other muxers often open an IDR access unit with a delimiter or SEI: the first unit that
+// decides (a slice, or a parameter set) is the one whose type counts.
+bool storedAvcSync(const uint8_t *data, uint32_t size) {
+    uint64_t at = 0;
+    while (at + 5 <= size) {
+        uint32_t len = uint32_t(data[at]) << 24 | uint32_t(data[at + 1]) << 16 |
+                       uint32_t(data[at + 2]) << 8 | data[at + 3];
+        if (len == 0)
+            return false; // no NAL header behind this length: not a unit at all
+        uint8_t type = data[at + 4] & 0x1F;
+        if (type == 1 || type == 5 || type == 7)
+            return type != 1;
+        at += 4 + uint64_t(len);
+    }
+    return false;
+}
+
 // The NAL header byte of the first NAL unit of an H.264 sample as it will be stored.
 bool avcSync(const uint8_t *data, uint32_t size, bool leading_three) {
     uint32_t at = leading_three ? 3 : 4;
@@ -418,7 +436,7 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
 
     bool sync = false;
     if (tb.stss) {
-        sync = avc ? (stored ? avcSync(data, size, false) : avcSync(data, size, leading_three))
+        sync = avc ? (stored ? storedAvcSync(data, size) : avcSync(data, size, leading_three))
                    : isIframe(data, size) == 1;
         if (sync && !append(m, &tb.stss->entries, &tb.stss->entry_count, stsz->sample_count))
             return;
