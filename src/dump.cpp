@@ -537,7 +537,7 @@ bool peekStream(mp4_muxer *m, uint64_t at, uint8_t *dst, uint32_t n) {
         if (!m->buffer || at < m->buffer_start)
             return false;
         uint64_t off = at - m->buffer_start;
-        if (off > m->buffer_size || n > m->buffer_size - off)
+        if (off > buffer_readable(m) || n > buffer_readable(m) - off)
             return false;
         memcpy(dst, m->buffer + off, n);
         return true;

@@ -4,6 +4,7 @@
 #include "box/box.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -18,6 +19,12 @@ const uint32_t AACfrequencyTable[16] = {96000, 88200, 64000, 48000, 44100, 32000
 
 static long alloc_fail_after = -1;
 static unsigned long alloc_count = 0;
+static size_t alloc_largest = 0;
+
+static void note_size(size_t n) {
+    if (n > alloc_largest)
+        alloc_largest = n;
+}
 
 static bool alloc_allowed() {
     if (alloc_fail_after < 0)
@@ -29,6 +36,7 @@ static bool alloc_allowed() {
 }
 
 void *mp4_malloc(size_t n) {
+    note_size(n);
     if (!alloc_allowed())
         return nullptr;
     alloc_count++;
@@ -36,6 +44,7 @@ void *mp4_malloc(size_t n) {
 }
 
 void *mp4_calloc(size_t count, size_t size) {
+    note_size(size && count > SIZE_MAX / size ? SIZE_MAX : count * size);
     if (!alloc_allowed())
         return nullptr;
     alloc_count++;
@@ -45,6 +54,7 @@ void *mp4_calloc(size_t count, size_t size) {
 }
 
 void *mp4_realloc(void *p, size_t n) {
+    note_size(n);
     if (!alloc_allowed())
         return nullptr;
     alloc_count++;
@@ -55,6 +65,8 @@ void mp4_free(void *p) { std::free(p); }
 
 void mp4_alloc_fail_after(long n) { alloc_fail_after = n; }
 unsigned long mp4_alloc_count(void) { return alloc_count; }
+size_t mp4_alloc_largest(void) { return alloc_largest; }
+void mp4_alloc_reset_largest(void) { alloc_largest = 0; }
 
 // ---- handle ----------------------------------------------------------------------------------
 
@@ -253,7 +265,7 @@ void read_n(mp4_muxer *m, void *dst, uint32_t n) {
     }
     if (m->buffer) {
         // A position below the buffer counts as beyond its end.
-        if (m->pos < m->buffer_start || m->pos - m->buffer_start + n > m->buffer_size) {
+        if (m->pos < m->buffer_start || m->pos - m->buffer_start + n > buffer_readable(m)) {
             m->flags |= MP4_END_OF_INPUT;
             return;
         }
@@ -394,7 +406,7 @@ void write_n(mp4_muxer *m, const void *src, int32_t n) {
     }
     const uint8_t *s = static_cast<const uint8_t *>(src);
     int32_t off = int32_t(uint32_t(m->pos - m->buffer_start));
-    int64_t space = int64_t(m->buffer_size) - off;
+    int64_t space = int64_t(buffer_readable(m)) - off;
     if (off >= 0 && int64_t(n) <= space) {
         if (n > 0)
             copy_or_zero(m->buffer + off, s, uint32_t(n));
@@ -514,6 +526,7 @@ extern "C" void mp4_buf_put(mp4_muxer *m, uint8_t *data, uint32_t size) {
         fprintf(stderr, "%s: warning: buffer already exists\n", "mp4_buf_put");
     m->buffer = data;
     m->buffer_size = size;
+    m->buffer_limit = size;
     m->buffer_start = m->pos;
     if (m->overflow_size && !is_reader(m))
         write_n(m, nullptr, 0);
@@ -529,6 +542,7 @@ extern "C" uint32_t mp4_buf_get(mp4_muxer *m) {
         count = m->buffer_size;
     m->buffer = nullptr;
     m->buffer_size = 0;
+    m->buffer_limit = 0;
     m->pos += int64_t(m->buffer_adjust);
     m->buffer_adjust = 0;
     return count;

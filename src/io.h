@@ -134,7 +134,15 @@ struct mp4_muxer {
     // Set while a remuxer hands a sample that is already in stored form (length-prefixed
     // H.264, raw AAC) to mp4_write_track: the encoder-output handling is skipped for it.
     uint8_t stored_form;
+    // Bytes of the caller's buffer that exist. The remuxer may count a cut box as consumed by
+    // raising buffer_size past them; reads stay within this.
+    uint32_t buffer_limit;
 };
+
+// Bytes of the attached buffer that may be read or handed out.
+inline uint32_t buffer_readable(const mp4_muxer *m) {
+    return m->buffer_size < m->buffer_limit ? m->buffer_size : m->buffer_limit;
+}
 
 inline bool is_reader(const mp4_muxer *m) { return (m->flags & MP4_READER) != 0; }
 inline bool at_end_of_input(const mp4_muxer *m) { return (m->flags & MP4_END_OF_INPUT) != 0; }
@@ -150,6 +158,9 @@ void mp4_free(void *p);
 void mp4_alloc_fail_after(long n);
 // Number of allocations performed since the process started (for tests that probe each one).
 unsigned long mp4_alloc_count(void);
+// Largest single allocation requested since the last reset (tests of input-bounded allocation).
+size_t mp4_alloc_largest(void);
+void mp4_alloc_reset_largest(void);
 
 // ---- stream operations -----------------------------------------------------------------------
 void read_n(mp4_muxer *m, void *dst, uint32_t n);

@@ -451,7 +451,7 @@ extern "C" void mp4_get_mdat(mp4_muxer *m, uint8_t **data, uint32_t *length) {
     deleteBox(mdat);
     // The payload is handed out in place, so it must lie inside the caller's buffer.
     if (payload < m->buffer_start || end < payload ||
-        end - m->buffer_start > uint64_t(m->buffer_size))
+        end - m->buffer_start > uint64_t(buffer_readable(m)))
         return;
     if (data)
         *data = m->buffer + (payload - m->buffer_start);

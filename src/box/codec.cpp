@@ -38,10 +38,21 @@ static uint64_t inputRemaining(mp4_muxer *m) {
     } else {
         if (!m->buffer || m->pos < m->buffer_start)
             return 0;
-        uint64_t end = m->buffer_start + m->buffer_size;
+        uint64_t end = m->buffer_start + buffer_readable(m);
         return m->pos < end ? end - m->pos : 0;
     }
     struct stat st;
+    if (m->fp && here >= 0 && (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        // A stream without a regular file behind it (fmemopen, a pipe): its length is learned by
+        // seeking to its end and back, where it can seek at all.
+        if (fseeko64(m->fp, 0, SEEK_END) == 0) {
+            off64_t end = ftello64(m->fp);
+            fseeko64(m->fp, here, SEEK_SET);
+            if (end >= 0)
+                return uint64_t(end) > uint64_t(here) ? uint64_t(end) - uint64_t(here) : 0;
+        }
+        return UINT64_MAX;
+    }
     if (fd < 0 || here < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
         return UINT64_MAX;
     return uint64_t(st.st_size) > uint64_t(here) ? uint64_t(st.st_size) - uint64_t(here) : 0;

@@ -363,7 +363,7 @@ bool codeMdat(mp4_muxer *m, Box **box, uint64_t start) {
     uint32_t length = uint32_t(b->size - 8);
     bool cut = false;
     if (m->fd == -1 && !m->fp && m->buffer) {
-        uint64_t buffer_end = m->buffer_start + m->buffer_size;
+        uint64_t buffer_end = m->buffer_start + buffer_readable(m);
         uint64_t pos = muxer_pos(m);
         uint64_t present = buffer_end > pos ? buffer_end - pos : 0;
         if (present < length) {
