@@ -145,6 +145,15 @@ inline uint32_t buffer_readable(const mp4_muxer *m) {
 }
 
 inline bool is_reader(const mp4_muxer *m) { return (m->flags & MP4_READER) != 0; }
+
+// Track records of a movie read from input are indexed by numbers the input chooses (its
+// next_track_ID, a trak's track_ID). One hostile number must not cost gigabytes of records, so
+// the reader and both remuxers make at most this many of `wanted`; a track numbered beyond them
+// has no record, as every use compares with next_track_id.
+inline uint32_t bounded_track_records(uint32_t wanted) {
+    const uint32_t most = 1024;
+    return wanted < most ? wanted : most;
+}
 inline bool at_end_of_input(const mp4_muxer *m) { return (m->flags & MP4_END_OF_INPUT) != 0; }
 
 // ---- allocation ------------------------------------------------------------------------------

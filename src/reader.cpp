@@ -11,11 +11,6 @@
 
 namespace {
 
-// mvhd next_track_ID sizes the track array. A hostile value would ask for billions of records;
-// beyond this many, track IDs are simply not addressable (every use compares with
-// next_track_id, which is lowered to match).
-constexpr uint32_t MAX_TRACK_RECORDS = 1024;
-
 // Audio samples with a zero decode-time delta never catch up with the video time, so a table
 // claiming billions of them would keep one call busy for minutes. After this many audio samples
 // in a row that do not advance the audio time, the call moves on to its video sample; the audio
@@ -137,9 +132,8 @@ uint32_t trackNumber(const mp4_muxer *m, const mp4_track *track) {
 }
 
 bool allocTracks(mp4_muxer *m, uint32_t next_track_ID) {
-    uint32_t count = next_track_ID ? next_track_ID - 1 : 0;
-    if (count > MAX_TRACK_RECORDS)
-        count = MAX_TRACK_RECORDS;
+    // mvhd next_track_ID sizes the track array, within the bound every reader of input keeps.
+    uint32_t count = bounded_track_records(next_track_ID ? next_track_ID - 1 : 0);
     // One record at least, so that "no track array" keeps meaning "not loaded yet".
     auto *tracks = static_cast<mp4_track *>(mp4_calloc(count ? count : 1, sizeof(mp4_track)));
     if (!tracks) {

@@ -181,18 +181,16 @@ uint32_t trak_id(Box *trak) {
     return tkhd ? tkhd->track_ID : 0;
 }
 
-// Track numbers beyond this have no record: records are indexed by track_ID, and one input
-// number must not cost gigabytes of them.
-constexpr uint32_t MAX_TRACK_ID = 0xFFFF;
-
 // The value of next_track_id for a moov: one record per track number below the movie's
 // next_track_ID, but no more than its traks use, so that a large next_track_ID does not cost a
-// record per unused number.
+// record per unused number; and no more than the bound the reader keeps, as records are
+// indexed by track_ID. Tracks numbered beyond it are not copied.
 uint32_t records_needed(Box *moov, uint32_t movie_next) {
     uint32_t top = 0;
     for (Box *c = getChild(moov, fourcc("trak")); c; c = c->next) {
         uint32_t id = c->type == fourcc("trak") ? trak_id(c) : 0;
-        if (id < movie_next && id <= MAX_TRACK_ID && id > top)
+        // A number beyond the bound has no record: it does not raise the others' count.
+        if (id < movie_next && id > top && bounded_track_records(id) == id)
             top = id;
     }
     return top + 1;
