@@ -18,8 +18,10 @@ for target in "$@"; do
     cp -n "${seeds[@]}" "$corpus"/ 2>/dev/null || true
     [ -d "$root/fuzz/regressions/$target" ] && cp -n "$root/fuzz/regressions/$target"/* "$corpus"/ 2>/dev/null || true
     echo "== $target: ${seconds}s from $(ls "$corpus" | wc -l) inputs"
+    # -close_fd_mask=2 drops the library's warnings on stderr; libFuzzer and the sanitizers
+    # keep reporting on a duplicate of it.
     if ! "$build/$target" "$corpus" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-            -malloc_limit_mb=128 -max_len=262144 -print_final_stats=1 \
+            -malloc_limit_mb=128 -max_len=262144 -print_final_stats=1 -close_fd_mask=2 \
             -artifact_prefix="$artifacts" 2>"$build/$target.log"; then
         echo "!! $target found a failure; see $build/$target.log and $artifacts"
         tail -n 40 "$build/$target.log"
