@@ -234,7 +234,7 @@ extern "C" void mp4_set_error(mp4_muxer *m, int code) {
 // Source of zero bytes for null-source writes, so that padding never needs an allocation.
 static const uint8_t zero_block[65536] = {};
 
-void read_n(mp4_muxer *m, void *dst, uint32_t n) {
+uint32_t read_n(mp4_muxer *m, void *dst, uint32_t n) {
     if (m->fd != -1) {
         uint32_t got = 0;
         while (got < n) {
@@ -250,7 +250,7 @@ void read_n(mp4_muxer *m, void *dst, uint32_t n) {
         else
             m->flags &= uint8_t(~MP4_END_OF_INPUT);
         m->pos += n;
-        return;
+        return got;
     }
     if (m->fp) {
         size_t got = n ? fread(dst, 1, n, m->fp) : 0;
@@ -261,20 +261,21 @@ void read_n(mp4_muxer *m, void *dst, uint32_t n) {
         if (m->fp2)
             fseeko64(m->fp2, off64_t(n), SEEK_CUR);
         m->pos += n;
-        return;
+        return uint32_t(got);
     }
     if (m->buffer) {
         // A position below the buffer counts as beyond its end.
         if (m->pos < m->buffer_start || m->pos - m->buffer_start + n > buffer_readable(m)) {
             m->flags |= MP4_END_OF_INPUT;
-            return;
+            return 0;
         }
         if (n)
             memcpy(dst, m->buffer + (m->pos - m->buffer_start), n);
         m->pos += n;
-        return;
+        return n;
     }
     m->pos += n;
+    return 0;
 }
 
 static bool write_fd_all(int fd, const uint8_t *p, size_t n) {
@@ -506,16 +507,41 @@ void muxer_seek(mp4_muxer *m, uint64_t target) {
     m->error = MP4_ERR_SEEK;
 }
 
-uint8_t *read_tmp(mp4_muxer *m, uint64_t position, uint32_t n) {
-    auto *block = static_cast<uint8_t *>(mp4_malloc(n));
-    if (!block) {
+uint8_t *read_tmp(mp4_muxer *m, uint64_t position, uint32_t n, uint32_t *got) {
+    // n is usually a size taken from a file. The block grows as bytes arrive (64 KiB, then
+    // doubling), so it never takes much more memory than the input actually holds.
+    if (m->fd == -1 && !m->fp) {
+        // A memory buffer delivers whole reads only: ask for no more than it holds.
+        uint64_t end = m->buffer ? m->buffer_start + buffer_readable(m) : 0;
+        uint64_t held = position >= m->buffer_start && position < end ? end - position : 0;
+        if (n > held)
+            n = uint32_t(held);
+    }
+    const uint8_t ran_out = m->flags & MP4_END_OF_INPUT;
+    uint64_t here = muxer_pos(m);
+    muxer_seek(m, position);
+    uint8_t *block = nullptr;
+    uint32_t have = 0, room = 0;
+    bool failed = false;
+    do {
+        uint32_t want = room ? (room > n / 2 ? n : room * 2) : (n < 65536 ? n : 65536);
+        void *p = mp4_realloc(block, want);
+        if (!p) {
+            failed = true;
+            break;
+        }
+        block = static_cast<uint8_t *>(p);
+        room = want;
+        have += read_n(m, block + have, room - have);
+    } while (have == room && have < n);
+    muxer_seek(m, here);
+    m->flags = uint8_t((m->flags & ~MP4_END_OF_INPUT) | ran_out);
+    if (failed) {
+        mp4_free(block);
         m->error = MP4_ERR_NOMEM;
         return nullptr;
     }
-    uint64_t here = muxer_pos(m);
-    muxer_seek(m, position);
-    read_n(m, block, n);
-    muxer_seek(m, here);
+    *got = have;
     return block;
 }
 

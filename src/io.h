@@ -172,11 +172,16 @@ size_t mp4_alloc_largest(void);
 void mp4_alloc_reset_largest(void);
 
 // ---- stream operations -----------------------------------------------------------------------
-void read_n(mp4_muxer *m, void *dst, uint32_t n);
+// Returns the bytes delivered: n, or fewer when the input ran out (end_of_input is then set; a
+// memory buffer delivers a read whole or not at all).
+uint32_t read_n(mp4_muxer *m, void *dst, uint32_t n);
 void write_n(mp4_muxer *m, const void *src, int32_t n);
 uint64_t muxer_pos(mp4_muxer *m);
 void muxer_seek(mp4_muxer *m, uint64_t position);
-uint8_t *read_tmp(mp4_muxer *m, uint64_t position, uint32_t n); // caller frees with mp4_free
+// Up to n bytes read at `position` into a new block (the caller frees it with mp4_free); *got
+// receives how many the input held. The stream position and end_of_input are left as they
+// were. Null with error 2 when the block cannot be allocated.
+uint8_t *read_tmp(mp4_muxer *m, uint64_t position, uint32_t n, uint32_t *got);
 void flush_output(mp4_muxer *m); // fflush of the stdio streams, if any
 
 // Reports one sample to the caller's callbacks (plain, then extended).

@@ -429,14 +429,16 @@ uint32_t copy_sample(mp4_muxer *m, Box *md, uint32_t track_ID, uint64_t offset, 
     mp4_muxer *w = m->linked;
     if (m->fp || m->fd != -1) {
         duration = settle_duration(m, track_ID, duration);
-        uint8_t *bytes = read_tmp(m, offset, length);
-        if (!bytes) {
+        uint32_t held = 0;
+        uint8_t *bytes = read_tmp(m, offset, length, &held);
+        if (!bytes || (length && !held)) {
+            mp4_free(bytes);
             skip_sample(m, track_ID, duration);
             return length;
         }
-        write_stored_sample(w, track_ID, bytes, length, duration);
+        write_stored_sample(w, track_ID, bytes, held, duration);
         mp4_free(bytes);
-        return length;
+        return held;
     }
     static const uint8_t nothing = 0; // a zero-length sample still needs a valid pointer
     const uint8_t *data = &nothing;
@@ -607,11 +609,10 @@ uint32_t constant_size(const Tables &t, uint32_t handler_type) {
 }
 
 // Fills `map` with the position, size and duration of every sample the tables describe (each of
-// `constant` bytes when that is non-zero); every index stays below the entry count of its
-// table. Returns the number of samples mapped.
-uint32_t map_samples(const Tables &t, uint32_t constant, mp4_sample *map) {
+// `constant` bytes when that is non-zero), the first `samples` at most; every index stays below
+// the entry count of its table. Returns the number of samples mapped.
+uint32_t map_samples(const Tables &t, uint32_t constant, uint32_t samples, mp4_sample *map) {
     uint32_t chunks = t.stco ? t.stco->entry_count : t.co64->entry_count;
-    uint32_t samples = t.stsz->sample_count;
     uint32_t stsc_i = 0, sample_i = 0, stts_i = 0, stts_used = 0;
     for (uint32_t c = 0; c < chunks && t.stsc->entry_count && sample_i < samples; c++) {
         if (stsc_i + 1 < t.stsc->entry_count && t.stsc->entries[stsc_i + 1].first_chunk == c + 1)
@@ -648,7 +649,14 @@ void map_track(mp4_muxer *r, uint32_t movie_next, Box *mvex, Box *trak) {
     if (rec.samples)
         return; // a second trak with the same track_ID: the first one keeps the record
 
-    auto *map = static_cast<mp4_sample *>(mp4_calloc(t.stsz->sample_count, sizeof(mp4_sample)));
+    // A constant-size table has no entry per sample, so its sample_count costs the input
+    // nothing; no more samples are mapped than the input could hold at that size.
+    const uint32_t constant = constant_size(t, t.hdlr->handler_type);
+    const uint64_t limit = input_size(r);
+    uint32_t samples = t.stsz->sample_count;
+    if (constant && limit && samples > limit / constant)
+        samples = uint32_t(limit / constant);
+    auto *map = static_cast<mp4_sample *>(mp4_calloc(samples, sizeof(mp4_sample)));
     if (!map) {
         r->error = MP4_ERR_NOMEM;
         return;
@@ -669,10 +677,10 @@ void map_track(mp4_muxer *r, uint32_t movie_next, Box *mvex, Box *trak) {
 
     rec.samples = map;
     // Samples the chunks do not reach are not copied.
-    rec.sample_alloc = map_samples(t, constant_size(t, rec.handler_type), map);
+    rec.sample_alloc = map_samples(t, constant, samples, map);
     // Nor is anything the input does not hold: a sample reaching past its end keeps the bytes
     // that exist, so no table entry can make a copy larger than the file.
-    if (uint64_t limit = input_size(r)) {
+    if (limit) {
         for (uint32_t i = 0; i < rec.sample_alloc; i++) {
             mp4_sample &s = map[i];
             uint64_t room = s.offset < limit ? limit - s.offset : 0;
@@ -757,15 +765,14 @@ void refrag_sample(mp4_muxer *r, mp4_muxer *m, uint32_t track) {
     if (!t.samples || t.sample_count >= t.sample_alloc)
         return;
     mp4_sample s = t.samples[t.sample_count++];
-    // Zero-filled, so that a short read of the input writes zeros rather than old heap bytes.
-    auto *bytes = static_cast<uint8_t *>(mp4_calloc(s.size, 1));
+    // A sample keeps the bytes the input holds, however large its recorded size.
+    uint32_t held = 0;
+    uint8_t *bytes = read_tmp(r, s.offset, s.size, &held);
     if (!bytes) {
         m->error = MP4_ERR_NOMEM;
         return;
     }
-    muxer_seek(r, s.offset);
-    read_n(r, bytes, s.size);
-    write_stored_sample(m, track, bytes, s.size, s.duration);
+    write_stored_sample(m, track, bytes, held, s.duration);
     t.timestamp += s.duration;
     mp4_free(bytes);
 }

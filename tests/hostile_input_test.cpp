@@ -9,11 +9,34 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using test_util::BoxRef;
+using test_util::findBox;
+using test_util::TempDir;
+
+void put32At(Bytes &f, size_t at, uint32_t v) {
+    f[at] = uint8_t(v >> 24);
+    f[at + 1] = uint8_t(v >> 16);
+    f[at + 2] = uint8_t(v >> 8);
+    f[at + 3] = uint8_t(v);
+}
+
+// The ftyp and moov of a file, without its media data.
+Bytes movieOnly(const Bytes &f) {
+    Bytes out;
+    for (auto &kv : test_util::boxesIn(f, 0, f.size()))
+        if (kv.first == "ftyp" || kv.first == "moov")
+            out.insert(out.end(), f.begin() + long(kv.second.offset),
+                       f.begin() + long(kv.second.end()));
+    return out;
+}
 
 Bytes regression(const char *name) {
     return test_util::readFile(test_util::dataPath(std::string("regressions/") + name));
@@ -108,6 +131,122 @@ TEST(HostileInput, ReaderKeepsItsBoundOfTrackRecords) {
     EXPECT_EQ(r->next_track_id, 1025u);
     mp4_delete(r);
     EXPECT_LT(largest, size_t(256) << 10);
+}
+
+// ---- sizes taken from a file reaching the allocator ------------------------------------------
+
+// read_tmp is handed sample sizes straight from a file. Whatever the size, the block takes the
+// bytes the input holds, on every back-end, and the stream is left as it was.
+TEST(HostileInput, ReadTmpHoldsOnlyWhatTheInputHolds) {
+    TempDir dir;
+    Bytes content(100);
+    for (size_t i = 0; i < content.size(); i++)
+        content[i] = uint8_t(i);
+    const std::string path = dir.file("hundred.bin");
+    test_util::writeFile(path, content);
+    for (int backend = 0; backend < 4; backend++) {
+        SCOPED_TRACE(backend);
+        mp4_muxer *m = mp4_reader_create();
+        int fd = -1;
+        FILE *fp = nullptr;
+        if (backend == 0) {
+            mp4_buf_put(m, content.data(), uint32_t(content.size()));
+        } else if (backend == 1) {
+            fd = open(path.c_str(), O_RDONLY);
+            mp4_file_descriptor(m, fd);
+        } else if (backend == 2) {
+            fp = fopen(path.c_str(), "rb");
+            mp4_file_pointer(m, fp);
+        } else {
+            fp = fmemopen(content.data(), content.size(), "rb"); // no descriptor behind it
+            mp4_file_pointer(m, fp);
+        }
+        uint8_t two[2];
+        read_n(m, two, 2);
+        uint32_t got = 1234;
+        mp4_alloc_reset_largest();
+        uint8_t *block = read_tmp(m, 10, 0xFFFFFFF0u, &got);
+        EXPECT_LE(mp4_alloc_largest(), size_t(64) << 10);
+        ASSERT_NE(block, nullptr);
+        ASSERT_EQ(got, 90u);
+        EXPECT_EQ(Bytes(block, block + got), Bytes(content.begin() + 10, content.end()));
+        mp4_free(block);
+        EXPECT_EQ(muxer_pos(m), 2u);
+        EXPECT_FALSE(at_end_of_input(m)) << "the short read does not end the caller's input";
+        read_n(m, two, 2);
+        EXPECT_EQ(two[0], 2);
+        EXPECT_EQ(m->error, 0);
+        if (backend == 0)
+            mp4_buf_get(m);
+        mp4_delete(m);
+        if (fd >= 0)
+            close(fd);
+        if (fp)
+            fclose(fp);
+    }
+}
+
+// A constant-size stsz has no entry per sample, so its sample_count costs the input nothing;
+// the refragmenter's sample map must not take it at its word. A movie of a few hundred bytes
+// claiming 2^32 - 1 PCM samples of 4 bytes maps at most as many as the file could hold.
+TEST(HostileInput, RefragmenterMapsNoMoreConstantSizeSamplesThanTheInputHolds) {
+    TempDir dir;
+    Bytes f = movieOnly(test_util::readFile(test_util::dataPath("pcm_only.mov")));
+    const std::string stbl = "moov/trak/mdia/minf/stbl/";
+    BoxRef stsz = findBox(f, stbl + "stsz"), stts = findBox(f, stbl + "stts"),
+           stsc = findBox(f, stbl + "stsc");
+    ASSERT_TRUE(stsz.found && stts.found && stsc.found);
+    ASSERT_EQ(test_util::be32(&f[stsz.payload() + 4]), 4u) << "constant-size samples";
+    put32At(f, stsz.payload() + 8, 0xFFFFFFFFu);  // sample_count
+    put32At(f, stts.payload() + 8, 0xFFFFFFFFu);  // sample_count of the first entry
+    put32At(f, stsc.payload() + 12, 0xFFFFFFFFu); // samples_per_chunk of the first entry
+    const std::string path = dir.file("huge.mov");
+    test_util::writeFile(path, f);
+    FILE *in = fopen(path.c_str(), "rb");
+    ASSERT_NE(in, nullptr);
+    mp4_muxer *m = mp4_refrag_create();
+    mp4_file_pointer(m, in);
+    Bytes out(1 << 20);
+    uint64_t produced = 0;
+    size_t largest = largestAllocation([&] {
+        for (int i = 0; i < 8; i++) {
+            mp4_buf_put(m, out.data(), uint32_t(out.size()));
+            mp4_remux(m);
+            uint32_t n = mp4_buf_get(m);
+            produced += n;
+            if (n == 0)
+                break;
+        }
+    });
+    EXPECT_NE(mp4_get_error_code(m), uint32_t(MP4_ERR_NOMEM));
+    ASSERT_NE(m->linked->tracks, nullptr);
+    EXPECT_LE(m->linked->tracks[0].sample_alloc, f.size() / 4);
+    mp4_delete(m);
+    fclose(in);
+    EXPECT_LT(largest, size_t(64) << 10);
+    EXPECT_GT(produced, 0u);
+}
+
+// Found by fuzz_refrag as a timeout (the input was tests/data/pcm_only.mov): the fragment
+// writer grew its queue of samples one record at a time, copying the whole queue for each of
+// the 12000 PCM samples waiting for a fragment header. Growth is now amortised.
+TEST(HostileInput, AFragmentsQueueOfSamplesGrowsAmortised) {
+    mp4_muxer *m = mp4_writer_create();
+    uint32_t t = mp4_audio_track_create(m, MP4_FOURCC('s', 'o', 'w', 't'), 48000, 1, 0, 48000, 2);
+    Bytes buffer(1 << 20);
+    mp4_buf_put(m, buffer.data(), uint32_t(buffer.size()));
+    testing::internal::CaptureStdout();
+    mp4_write_movie(m); // the fragmented movie header
+    const uint8_t frame[4] = {1, 2, 3, 4};
+    unsigned long before = mp4_alloc_count();
+    for (int i = 0; i < 4096; i++)
+        mp4_write_track(m, t, frame, sizeof frame, 1);
+    unsigned long allocations = mp4_alloc_count() - before;
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(m->tracks[t - 1].sample_count, 4096u);
+    EXPECT_LT(allocations, 64u);
+    mp4_buf_get(m);
+    mp4_delete(m);
 }
 
 } // namespace

@@ -675,8 +675,10 @@ TEST(ReadTmp, ReadsElsewhereAndRestoresThePosition) {
     mp4_buf_put(m.get(), buf, sizeof buf);
     uint8_t two[2];
     read_n(m.get(), two, 2);
-    uint8_t *block = read_tmp(m.get(), 5, 3);
+    uint32_t got = 0;
+    uint8_t *block = read_tmp(m.get(), 5, 3, &got);
     ASSERT_NE(block, nullptr);
+    EXPECT_EQ(got, 3u);
     EXPECT_EQ(bytes(block, 3), "567");
     mp4_free(block);
     EXPECT_EQ(m->pos, 2u);
@@ -684,7 +686,7 @@ TEST(ReadTmp, ReadsElsewhereAndRestoresThePosition) {
     EXPECT_EQ(bytes(two, 2), "23");
 
     mp4_alloc_fail_after(0);
-    uint8_t *none = read_tmp(m.get(), 5, 3);
+    uint8_t *none = read_tmp(m.get(), 5, 3, &got);
     mp4_alloc_fail_after(-1);
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(m->error, MP4_ERR_NOMEM);
@@ -728,8 +730,10 @@ TEST(DescriptorBackEnd, WritesSeeksAndReadsARealFile) {
         EXPECT_EQ(std::string(dst, 2), "El");
         EXPECT_FALSE(at_end_of_input(r.get()));
 
-        uint8_t *block = read_tmp(r.get(), 4, 1);
+        uint32_t got = 0;
+        uint8_t *block = read_tmp(r.get(), 4, 1, &got);
         ASSERT_NE(block, nullptr);
+        EXPECT_EQ(got, 1u);
         EXPECT_EQ(block[0], 'o');
         mp4_free(block);
         EXPECT_EQ(r->pos, 3u);

@@ -242,14 +242,20 @@ void writeFragmentSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, u
     Layout l = layoutFor(data, size, !stored && size > 3, avc);
     uint32_t n = t->sample_count + 1;
     if (n > t->sample_alloc) {
-        void *p = n ? mp4_realloc(t->samples, size_t(n) * sizeof(mp4_sample)) : nullptr;
+        // Doubling: a fragment may queue many thousands of samples (a PCM track, a long run of
+        // audio before the next video sample), and growing one by one would copy the queue
+        // for every sample.
+        uint32_t room = t->sample_alloc > (UINT32_MAX >> 1) ? n : t->sample_alloc * 2;
+        if (room < 16)
+            room = 16;
+        void *p = n ? mp4_realloc(t->samples, size_t(room) * sizeof(mp4_sample)) : nullptr;
         if (!p) {
             fprintf(stderr, "%s: failed to reallocate fragment buffer\n", "mp4_write_track");
             m->error = MP4_ERR_NOMEM;
             return;
         }
         t->samples = static_cast<mp4_sample *>(p);
-        t->sample_alloc = n;
+        t->sample_alloc = room;
     }
     t->sample_count = n;
     uint64_t box_size = uint64_t(l.stored) + 8;
