@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 #include <string>
@@ -138,14 +139,21 @@ bool endsWithMov(const std::string &name) {
     return name.size() >= 4 && strcasecmp(name.c_str() + name.size() - 4, ".mov") == 0;
 }
 
+// One input stream, split a unit at a time as the recording goes: `unit` is the next unit to
+// write while `has_unit` is set, its bytes readable through the input until the stream advances.
 struct Stream {
-    es::InputFile file;
-    std::vector<es::Unit> units;
+    es::Input file;
+    std::function<bool(es::Unit *)> split;
+    es::Unit unit{};
+    bool has_unit = false;
     uint32_t track = 0;
     uint32_t timescale = 0;
-    uint64_t time = 0; // start of the next unit, in timescale ticks
-    size_t next = 0;
-    uint64_t bytes = 0;
+    uint64_t time = 0;    // start of the next unit, in timescale ticks
+    uint64_t count = 0;   // units in the stream
+    uint64_t written = 0; // units handed to the writer
+    size_t largest = 0;   // bytes of the largest unit
+
+    void advance() { has_unit = split && split(&unit); }
 };
 
 class Progress {
@@ -188,29 +196,6 @@ struct FragmentSink {
     }
 };
 
-// The parameter sets of an Annex B stream behind 4-byte start codes, as the fragmented movie
-// header needs them before any sample: the first SPS and the first PPS.
-std::vector<uint8_t> h264ParameterSets(const uint8_t *d, size_t n) {
-    std::vector<uint8_t> out;
-    for (uint8_t type : {7, 8}) {
-        for (size_t i = 0; i + 3 < n; i++) {
-            if (d[i] || d[i + 1] || d[i + 2] != 1 || (d[i + 3] & 0x1F) != type)
-                continue;
-            size_t end = i + 3;
-            while (end + 2 < n && !(d[end] == 0 && d[end + 1] == 0 && d[end + 2] == 1))
-                end++;
-            if (end + 2 >= n)
-                end = n;
-            while (end > i + 4 && d[end - 1] == 0)
-                end--; // trailing zeros and the zero of a 4-byte start code
-            out.insert(out.end(), {0, 0, 0, 1});
-            out.insert(out.end(), d + i + 3, d + end);
-            break;
-        }
-    }
-    return out;
-}
-
 int run(int argc, char **argv) {
     Options o;
     if (int status = parseOptions(argc, argv, &o))
@@ -220,33 +205,75 @@ int run(int argc, char **argv) {
     Stream video, audio;
     uint32_t video_type = 0, audio_type = 0, width = 0, height = 0, profile = 0, level = 0;
     const uint32_t frame_ticks = 90000 / o.fps;
+    std::vector<uint8_t> params; // given before the movie header of a fragmented recording
+    bool warn_multi_slice = false;
     if (!o.h264.empty()) {
         if (!video.file.open(o.h264, &error))
             return fail(error);
-        es::H264Info info;
-        if (!es::splitH264(video.file.data(), video.file.size(), &video.units, &info, &error))
-            return fail(o.h264 + ": " + error);
+        // The track is described by the stream's first picture and parameter sets: read ahead
+        // until they are found (to the end of a stream that lacks them, or to count the units
+        // of a fragmented recording), then go through the stream again to record it.
+        es::H264Splitter look(video.file);
+        es::Unit u;
+        while (o.fragmented || !(look.info().have_sps && look.info().have_pps && look.count())) {
+            if (!look.next(&u))
+                break;
+            video.largest = u.size > video.largest ? u.size : video.largest;
+        }
+        if (!look.sawStartCode())
+            return fail(o.h264 + ": not an H.264 Annex B stream (no start code)");
+        if (!look.count())
+            return fail(o.h264 + ": no coded picture found in the H.264 stream");
+        const es::H264Info &info = look.info();
         if (!info.have_sps || !info.have_pps)
             return fail(o.h264 + ": no sequence/picture parameter set in the stream");
-        if (info.multi_slice)
+        // Said as soon as it shows: here, or when recording reaches it.
+        warn_multi_slice = true;
+        auto warnMultiSlice = [&o, &warn_multi_slice] {
             fprintf(stderr,
                     "mp4kit record: warning: %s has pictures of several slices; each "
                     "picture is stored as one unit and may not play\n",
                     o.h264.c_str());
+            warn_multi_slice = false;
+        };
+        if (info.multi_slice)
+            warnMultiSlice();
         video_type = MP4_FOURCC('a', 'v', 'c', '1');
         width = info.width;
         height = info.height;
         profile = info.profile;
         level = info.level;
+        video.count = look.count();
+        for (const std::vector<uint8_t> *nal : {&info.sps, &info.pps})
+            params.insert(params.end(), nal->begin(), nal->end());
+        video.file.rewind();
+        auto splitter = std::make_shared<es::H264Splitter>(video.file);
+        video.split = [splitter, &warn_multi_slice, warnMultiSlice](es::Unit *unit) {
+            bool more = splitter->next(unit);
+            if (warn_multi_slice && splitter->info().multi_slice)
+                warnMultiSlice();
+            return more;
+        };
     } else if (!o.mp4v.empty()) {
         if (!video.file.open(o.mp4v, &error))
             return fail(error);
-        es::M4vInfo info;
-        if (!es::splitM4v(video.file.data(), video.file.size(), &video.units, &info, &error))
-            return fail(o.mp4v + ": " + error);
+        // The picture size may come from any object layer: the whole stream is looked through.
+        es::M4vSplitter look(video.file);
+        es::Unit u;
+        while (look.next(&u)) {
+            if (look.count() == 1 && o.fragmented)
+                params.assign(video.file.at(u.offset), video.file.at(u.offset) + u.size);
+            video.largest = u.size > video.largest ? u.size : video.largest;
+        }
+        if (!look.count())
+            return fail(o.mp4v + ": not an MPEG-4 Visual stream (no video object plane)");
         video_type = MP4_FOURCC('m', 'p', '4', 'v');
-        width = info.width;
-        height = info.height;
+        width = look.info().width;
+        height = look.info().height;
+        video.count = look.count();
+        video.file.rewind();
+        auto splitter = std::make_shared<es::M4vSplitter>(video.file);
+        video.split = [splitter](es::Unit *unit) { return splitter->next(unit); };
     }
     if (video_type) {
         if (o.width) {
@@ -262,14 +289,17 @@ int run(int argc, char **argv) {
     if (!o.aac.empty()) {
         if (!audio.file.open(o.aac, &error))
             return fail(error);
-        es::AdtsInfo info;
-        bool dropped = false;
-        if (!es::splitAdts(audio.file.data(), audio.file.size(), &audio.units, &info, &dropped,
-                           &error))
-            return fail(o.aac + ": " + error);
-        if (dropped)
+        // A frame that loses sync anywhere fails the recording before it starts.
+        es::AdtsSplitter look(audio.file);
+        es::Unit u;
+        while (look.next(&u))
+            audio.largest = u.size > audio.largest ? u.size : audio.largest;
+        if (!look.error().empty())
+            return fail(o.aac + ": " + look.error());
+        if (look.droppedTail())
             fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
                     o.aac.c_str());
+        const es::AdtsInfo &info = look.info();
         if (info.object_type != 2)
             fprintf(stderr,
                     "mp4kit record: warning: %s is AAC object type %u; the file "
@@ -278,19 +308,27 @@ int run(int argc, char **argv) {
         audio_type = MP4_FOURCC('m', 'p', '4', 'a');
         rate = info.sample_rate;
         channels = info.channels;
+        audio.count = look.count();
+        audio.file.rewind();
+        auto splitter = std::make_shared<es::AdtsSplitter>(audio.file);
+        audio.split = [splitter](es::Unit *unit) { return splitter->next(unit); };
     } else if (!o.pcm.empty()) {
         if (!audio.file.open(o.pcm, &error))
             return fail(error);
         rate = o.rate;
         channels = o.channels;
         const uint32_t frame_bytes = 2 * channels;
-        es::splitPcm(audio.file.size(), frame_bytes, 1024, &audio.units);
-        if (audio.units.empty())
+        const uint64_t frames = audio.file.size() / frame_bytes;
+        audio.count = (frames + 1023) / 1024;
+        if (!audio.count)
             return fail(o.pcm + ": shorter than one PCM frame");
+        audio.largest = size_t(frames < 1024 ? frames : 1024) * frame_bytes;
         if (audio.file.size() % frame_bytes)
             fprintf(stderr, "mp4kit record: warning: %s ends in a partial frame, left out\n",
                     o.pcm.c_str());
         audio_type = MP4_FOURCC('s', 'o', 'w', 't');
+        auto splitter = std::make_shared<es::PcmSplitter>(audio.file, frame_bytes, 1024);
+        audio.split = [splitter](es::Unit *unit) { return splitter->next(unit); };
     }
     if (audio_type)
         audio.timescale = rate;
@@ -306,14 +344,10 @@ int run(int argc, char **argv) {
             mp4_delete(m);
             return fail("cannot open " + o.out + " for writing: " + strerror(errno));
         }
-        size_t largest = 0;
-        for (const Stream *s : {&video, &audio})
-            for (const es::Unit &u : s->units)
-                largest = u.size > largest ? u.size : largest;
+        const size_t largest = video.largest > audio.largest ? video.largest : audio.largest;
         // The largest sample, or a fragment header of every sample at once, and the movie
         // header.
-        uint64_t want =
-            largest + 64 * uint64_t(video.units.size() + audio.units.size()) + (64u << 10);
+        uint64_t want = largest + 64 * (video.count + audio.count) + (64u << 10);
         sink.size = want > 0xFFFFFFFFu ? 0xFFFFFFFFu : uint32_t(want);
         sink.buffer.reset(new (std::nothrow) uint8_t[sink.size]);
         if (!sink.buffer) {
@@ -348,12 +382,6 @@ int run(int argc, char **argv) {
     }
     if (o.fragmented) {
         // The movie header comes before any sample, so it needs the parameter sets now.
-        std::vector<uint8_t> params;
-        if (video_type == MP4_FOURCC('a', 'v', 'c', '1'))
-            params = h264ParameterSets(video.file.data(), video.file.size());
-        else if (video_type && !video.units.empty())
-            params.assign(video.file.data() + video.units[0].offset,
-                          video.file.data() + video.units[0].offset + video.units[0].size);
         if (params.size() >= 4)
             mp4_set_parameter_data(m, params.data(), uint32_t(params.size()));
         mp4_write_movie(m);
@@ -365,32 +393,34 @@ int run(int argc, char **argv) {
     uint64_t total = video.file.size() + audio.file.size(), done = 0;
     Progress progress(total);
     uint32_t failed = 0;
-    while (!failed && (video.next < video.units.size() || audio.next < audio.units.size())) {
-        bool take_video = video.next < video.units.size();
-        if (take_video && audio.next < audio.units.size())
+    video.advance();
+    audio.advance();
+    while (!failed && (video.has_unit || audio.has_unit)) {
+        bool take_video = video.has_unit;
+        if (take_video && audio.has_unit)
             take_video = video.time * audio.timescale <= audio.time * video.timescale;
         Stream &s = take_video ? video : audio;
-        const es::Unit &u = s.units[s.next++];
+        const es::Unit u = s.unit;
         uint32_t duration = take_video ? frame_ticks
                             : audio_type == MP4_FOURCC('s', 'o', 'w', 't')
                                 ? uint32_t(u.size / (2 * channels))
                                 : 1024;
-        mp4_write_track(m, s.track, s.file.data() + u.offset, uint32_t(u.size), duration);
+        mp4_write_track(m, s.track, s.file.at(u.offset), uint32_t(u.size), duration);
+        s.written++;
         if (o.fragmented) {
             in_fragment++;
             // A fragment every N pictures, or every N audio frames when there is no video.
-            if ((take_video || !video_type) &&
-                (take_video ? video.next : audio.next) % o.fragmented == 0) {
+            if ((take_video || !video_type) && s.written % o.fragmented == 0) {
                 mp4_write_frag_header(m);
                 in_fragment = 0;
             }
             sink.drain(m);
         }
         s.time += duration;
-        s.bytes += u.size;
         done += u.size;
         progress.update(done);
         failed = mp4_get_error_code(m);
+        s.advance();
     }
     if (!o.fragmented) {
         mp4_write_movie(m);
@@ -410,6 +440,12 @@ int run(int argc, char **argv) {
     if (failed)
         return fail(o.out + ": " + (failure ? failure : "error") + " (code " +
                     std::to_string(failed) + ")");
+    // An input that could not be read to its end: the movie holds what was read.
+    for (const auto &[path, s] :
+         {std::pair<const std::string &, const Stream &>{o.h264.empty() ? o.mp4v : o.h264, video},
+          {o.aac.empty() ? o.pcm : o.aac, audio}})
+        if (!s.file.error().empty())
+            return fail(path + ": " + s.file.error());
 
     struct stat st;
     uint64_t bytes = stat(o.out.c_str(), &st) == 0 ? uint64_t(st.st_size) : 0;
@@ -418,14 +454,14 @@ int run(int argc, char **argv) {
     if (video_type)
         printf("  track %u: video %s %ux%u, %zu samples, %.3f s\n", n++,
                video_type == MP4_FOURCC('a', 'v', 'c', '1') ? "avc1" : "mp4v", width, height,
-               video.units.size(), double(video.time) / 90000);
+               size_t(video.written), double(video.time) / 90000);
     if (audio_type == MP4_FOURCC('m', 'p', '4', 'a'))
         printf("  track %u: audio mp4a %u Hz, %u channels, %zu samples, %.3f s\n", n, rate,
-               channels, audio.units.size(), double(audio.time) / rate);
+               channels, size_t(audio.written), double(audio.time) / rate);
     else if (audio_type)
         printf("  track %u: audio sowt %u Hz, %u channels, %zu blocks (%" PRIu64
                " frames), %.3f s\n",
-               n, rate, channels, audio.units.size(), audio.time, double(audio.time) / rate);
+               n, rate, channels, size_t(audio.written), audio.time, double(audio.time) / rate);
     return 0;
 }
 

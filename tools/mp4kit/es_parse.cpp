@@ -1,27 +1,39 @@
 // Elementary-stream parsing for the recording commands. Every read is bounded by the input: a
 // malformed stream gives an error or a shorter result, never a read outside the data.
+//
+// Inputs are read in large pieces into a window that slides along the file, and each stream is
+// split one unit at a time, so that an hour of input costs a few hundred kilobytes of memory and
+// is copied while it is still in the cache. Mapping the file instead costs a page fault per few
+// pages, which on virtual machines is far dearer than the copy of a read.
 #include "es_parse.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace es {
 
 // ---- input -----------------------------------------------------------------------------------
 
-InputFile::~InputFile() {
-    if (map_)
-        munmap(map_, size_);
-    else
-        free(const_cast<uint8_t *>(data_));
+namespace {
+
+constexpr size_t kWindow = 256 << 10; // fits the second-level cache along with the output buffer
+
+} // namespace
+
+Input::~Input() {
+    if (fd_ >= 0)
+        close(fd_);
+    free(buf_);
 }
 
-bool InputFile::open(const std::string &path, std::string *error) {
+bool Input::open(const std::string &path, std::string *error) {
     int fd = ::open(path.c_str(), O_RDONLY);
     if (fd < 0) {
         *error = path + ": " + strerror(errno);
@@ -30,31 +42,33 @@ bool InputFile::open(const std::string &path, std::string *error) {
     struct stat st;
     if (fstat(fd, &st) < 0) {
         *error = path + ": " + strerror(errno);
-        close(fd);
+        ::close(fd);
         return false;
     }
     if (S_ISREG(st.st_mode)) {
         if (st.st_size == 0) {
             *error = path + ": empty file";
-            close(fd);
+            ::close(fd);
             return false;
         }
-        void *p = mmap(nullptr, size_t(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
-        if (p != MAP_FAILED) {
-            map_ = p;
-            data_ = static_cast<const uint8_t *>(p);
-            size_ = size_t(st.st_size);
-            close(fd);
-            return true;
+        buf_ = static_cast<uint8_t *>(malloc(kWindow));
+        if (!buf_) {
+            *error = path + ": out of memory";
+            ::close(fd);
+            return false;
         }
+        cap_ = kWindow;
+        fd_ = fd;
+        size_ = uint64_t(st.st_size);
+        return true;
     }
-    // Not mappable (a pipe, say): read it all.
+    // Not a regular file (a pipe, say): read it all, so that it can be gone through twice.
     size_t cap = 1 << 20, n = 0;
     auto *buf = static_cast<uint8_t *>(malloc(cap));
     for (;;) {
         if (!buf) {
             *error = path + ": out of memory";
-            close(fd);
+            ::close(fd);
             return false;
         }
         if (n == cap) {
@@ -73,21 +87,80 @@ bool InputFile::open(const std::string &path, std::string *error) {
         if (r < 0) {
             *error = path + ": " + strerror(errno);
             free(buf);
-            close(fd);
+            ::close(fd);
             return false;
         }
         if (r == 0)
             break;
         n += size_t(r);
     }
-    close(fd);
+    ::close(fd);
     if (n == 0) {
         free(buf);
         *error = path + ": empty file";
         return false;
     }
-    data_ = buf;
+    buf_ = buf;
+    cap_ = cap;
+    len_ = n;
     size_ = n;
+    return true;
+}
+
+void Input::rewind() {
+    if (fd_ < 0)
+        return; // held whole
+    base_ = 0;
+    len_ = 0;
+    lseek(fd_, 0, SEEK_SET);
+}
+
+bool Input::need(uint64_t keep, uint64_t end) {
+    if (end > size_)
+        end = size_;
+    if (end <= base_ + len_)
+        return true;
+    if (fd_ < 0)
+        return false;
+    // Drop what is no longer wanted, then read as much as fits.
+    if (keep > base_ + len_)
+        keep = base_ + len_;
+    if (keep > base_) {
+        size_t drop = size_t(keep - base_);
+        memmove(buf_, buf_ + drop, len_ - drop);
+        len_ -= drop;
+        base_ = keep;
+    }
+    if (end - base_ > cap_) {
+        size_t cap = cap_;
+        while (cap < end - base_)
+            cap *= 2;
+        auto *bigger = static_cast<uint8_t *>(realloc(buf_, cap));
+        if (!bigger) {
+            // The input ends here for the splitters, which never read past it.
+            error_ = "out of memory";
+            size_ = base_ + len_;
+            return false;
+        }
+        buf_ = bigger;
+        cap_ = cap;
+    }
+    while (base_ + len_ < end) {
+        size_t room = cap_ - len_;
+        if (uint64_t(room) > size_ - (base_ + len_))
+            room = size_t(size_ - (base_ + len_));
+        ssize_t r = read(fd_, buf_ + len_, room);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0) {
+            // The file ended early, or cannot be read on: what was read is all there is.
+            if (r < 0)
+                error_ = strerror(errno);
+            size_ = base_ + len_;
+            return false;
+        }
+        len_ += size_t(r);
+    }
     return true;
 }
 
@@ -180,31 +253,9 @@ void skipScalingList(BitReader &br, int size) {
     }
 }
 
-struct StartCode {
-    size_t begin; // first byte of the start code (the zero_byte of a 4-byte one)
-    size_t nal;   // first byte of the NAL unit / the code byte after 00 00 01
-};
-
-// Every start code of the data, in order.
-std::vector<StartCode> startCodes(const uint8_t *d, size_t n) {
-    std::vector<StartCode> out;
-    for (size_t i = 0; i + 3 <= n;) {
-        if (d[i] == 0 && d[i + 1] == 0 && d[i + 2] == 1) {
-            size_t begin = (i > 0 && d[i - 1] == 0) ? i - 1 : i;
-            if (!out.empty() && begin < out.back().nal)
-                begin = i; // never reach back into the previous start code
-            out.push_back(StartCode{begin, i + 3});
-            i += 3;
-        } else {
-            i++;
-        }
-    }
-    return out;
-}
-
 } // namespace
 
-// ---- H.264 -----------------------------------------------------------------------------------
+// ---- H.264 parameter sets and MPEG-4 Visual layers ------------------------------------------
 
 bool parseSps(const uint8_t *nal, size_t size, H264Info *info) {
     if (size < 4 || (nal[0] & 0x1F) != 7)
@@ -281,77 +332,6 @@ bool parseSps(const uint8_t *nal, size_t size, H264Info *info) {
     return true;
 }
 
-bool splitH264(const uint8_t *data, size_t size, std::vector<Unit> *units, H264Info *info,
-               std::string *error) {
-    std::vector<StartCode> codes = startCodes(data, size);
-    if (codes.empty()) {
-        *error = "not an H.264 Annex B stream (no start code)";
-        return false;
-    }
-    size_t unit_start = 0;
-    bool open = false, has_slice = false;
-    int slices = 0;
-    auto close = [&](size_t end) {
-        if (open && has_slice)
-            units->push_back(Unit{unit_start, end - unit_start});
-        // A unit without picture data (parameter sets alone) goes with the next picture.
-        if (!(open && !has_slice))
-            open = false;
-        has_slice = false;
-        slices = 0;
-    };
-    for (size_t i = 0; i < codes.size(); i++) {
-        const size_t nal = codes[i].nal;
-        const size_t end = i + 1 < codes.size() ? codes[i + 1].begin : size;
-        if (nal >= end)
-            continue; // a start code with nothing behind it
-        const uint8_t header = data[nal];
-        const uint8_t type = header & 0x1F;
-        const bool slice = type == 1 || type == 5;
-        const bool first_mb_zero = slice && nal + 1 < end && (data[nal + 1] & 0x80);
-        if (type >= 10 && type <= 12) {
-            // End of sequence / stream and filler data carry nothing a stored sample needs.
-            close(codes[i].begin);
-            continue;
-        }
-        bool boundary =
-            type == 9 ||
-            (has_slice && (type == 6 || type == 7 || type == 8 || (type >= 14 && type <= 18))) ||
-            (has_slice && slice && first_mb_zero);
-        if (open && boundary)
-            close(codes[i].begin);
-        if (!open) {
-            open = true;
-            unit_start = codes[i].begin;
-        }
-        if (slice) {
-            has_slice = true;
-            if (++slices > 1)
-                info->multi_slice = true;
-        }
-        if (type == 7 && !info->have_sps) {
-            H264Info parsed;
-            if (parseSps(data + nal, end - nal, &parsed)) {
-                info->profile = parsed.profile;
-                info->level = parsed.level;
-                info->width = parsed.width;
-                info->height = parsed.height;
-            }
-            info->have_sps = true;
-        }
-        if (type == 8)
-            info->have_pps = true;
-    }
-    close(size);
-    if (units->empty()) {
-        *error = "no coded picture found in the H.264 stream";
-        return false;
-    }
-    return true;
-}
-
-// ---- MPEG-4 Visual ---------------------------------------------------------------------------
-
 bool parseVol(const uint8_t *data, size_t size, M4vInfo *info) {
     if (size < 5 || data[0] || data[1] || data[2] != 1 || data[3] < 0x20 || data[3] > 0x2F)
         return false;
@@ -400,45 +380,224 @@ bool parseVol(const uint8_t *data, size_t size, M4vInfo *info) {
     return true;
 }
 
-bool splitM4v(const uint8_t *data, size_t size, std::vector<Unit> *units, M4vInfo *info,
-              std::string *error) {
-    std::vector<StartCode> codes = startCodes(data, size);
-    bool open = false, seen_vop = false;
-    size_t unit_start = 0;
-    for (size_t i = 0; i < codes.size(); i++) {
-        const size_t at = codes[i].nal - 3; // MPEG-4 start codes are three bytes
-        const size_t code_pos = codes[i].nal;
-        if (code_pos >= size)
-            break;
-        const uint8_t code = data[code_pos];
-        const size_t end = i + 1 < codes.size() ? codes[i + 1].nal - 3 : size;
-        if (code == 0xB1) { // end of the sequence
-            if (open && seen_vop)
-                units->push_back(Unit{unit_start, at - unit_start});
-            open = seen_vop = false;
-            continue;
-        }
-        if (open && seen_vop) {
-            units->push_back(Unit{unit_start, at - unit_start});
-            open = seen_vop = false;
-        }
-        if (!open) {
-            open = true;
-            unit_start = at;
-        }
-        if (code == 0xB6)
-            seen_vop = true;
-        else if (code == 0xB0 && code_pos + 1 < size)
-            info->profile_level = data[code_pos + 1];
-        else if (code >= 0x20 && code <= 0x2F && info->width == 0)
-            parseVol(data + at, end - at, info);
+// ---- start codes -----------------------------------------------------------------------------
+
+// Offset of the first 00 00 01 in d[from, to) that lies wholly inside it, or `to`.
+static size_t findStartCode(const uint8_t *d, size_t from, size_t to) {
+    size_t i = from;
+#if defined(__SSE2__)
+    // Sixteen positions at a time: a start code begins at i + k where bytes i + k and i + k + 1
+    // are zero and byte i + k + 2 is one.
+    const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi8(1);
+    while (i + 18 <= to) {
+        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(d + i));
+        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(d + i + 1));
+        __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(d + i + 2));
+        __m128i hit = _mm_and_si128(_mm_and_si128(_mm_cmpeq_epi8(a, zero), _mm_cmpeq_epi8(b, zero)),
+                                    _mm_cmpeq_epi8(c, one));
+        unsigned mask = unsigned(_mm_movemask_epi8(hit));
+        if (mask)
+            return i + size_t(__builtin_ctz(mask));
+        i += 16;
     }
-    if (open && seen_vop)
-        units->push_back(Unit{unit_start, size - unit_start});
-    if (units->empty()) {
-        *error = "not an MPEG-4 Visual stream (no video object plane)";
+#endif
+    for (; i + 2 < to; i++)
+        if (d[i] == 0 && d[i + 1] == 0 && d[i + 2] == 1)
+            return i;
+    return to;
+}
+
+bool StartCodeScanner::next(uint64_t keep, StartCode *code) {
+    for (;;) {
+        const uint64_t hi = in_.end();
+        if (scan_ + 2 < hi) {
+            const uint8_t *w = in_.at(in_.begin());
+            const size_t from = size_t(scan_ - in_.begin()), to = size_t(hi - in_.begin());
+            const size_t at = findStartCode(w, from, to);
+            if (at < to) {
+                const uint64_t i = in_.begin() + at;
+                uint64_t begin = (i > 0 && w[at - 1] == 0) ? i - 1 : i;
+                if (found_ && begin < last_nal_)
+                    begin = i; // never reach back into the previous start code
+                found_ = true;
+                last_nal_ = i + 3;
+                scan_ = i + 3;
+                *code = StartCode{begin, i + 3};
+                return true;
+            }
+            scan_ = hi - 2; // the last two bytes may begin a start code that the next read ends
+        }
+        if (hi >= in_.size())
+            return false;
+        // Keep the byte before the scan position: it may be the zero_byte of a 4-byte code.
+        uint64_t k = scan_ > 0 ? scan_ - 1 : 0;
+        if (keep < k)
+            k = keep;
+        if (!in_.need(k, hi + 1) && in_.end() == hi)
+            return false;
+    }
+}
+
+// ---- H.264 -----------------------------------------------------------------------------------
+
+// The NAL unit of a start code as the movie header wants it: behind a 4-byte start code, up to
+// the next start code, without trailing zeros.
+static std::vector<uint8_t> parameterSet(const uint8_t *nal, size_t n) {
+    while (n > 1 && nal[n - 1] == 0)
+        n--;
+    std::vector<uint8_t> out{0, 0, 0, 1};
+    out.insert(out.end(), nal, nal + n);
+    return out;
+}
+
+// Every start code is handled once the next one (or the end of the input) is known, since its
+// NAL unit runs up to there. A new unit begins at an access unit delimiter, at a new primary
+// picture (a slice with first_mb_in_slice 0 after slices), or at an SPS, PPS or SEI that follows
+// slices; parameter sets alone go with the next picture.
+bool H264Splitter::next(Unit *unit) {
+    while (ready_count_ == 0) {
+        if (done_)
+            return false;
+        StartCode code;
+        // Keep the unit being gathered and the start code waiting for its end.
+        uint64_t keep = open_ ? unit_start_ : pending_ ? pending_code_.begin : UINT64_MAX;
+        if (pending_ && pending_code_.begin < keep)
+            keep = pending_code_.begin;
+        const bool more = scanner_.next(keep, &code);
+        if (pending_)
+            handle(pending_code_, more ? code.begin : in_.size(), more ? code.nal - 3 : in_.size());
+        if (more) {
+            pending_code_ = code;
+            pending_ = true;
+            saw_start_code_ = true;
+        } else {
+            close(in_.size());
+            done_ = true;
+        }
+    }
+    *unit = ready_[0];
+    ready_[0] = ready_[1];
+    ready_count_--;
+    count_++;
+    return true;
+}
+
+void H264Splitter::close(uint64_t end) {
+    if (open_ && has_slice_)
+        ready_[ready_count_++] = Unit{unit_start_, size_t(end - unit_start_)};
+    if (!(open_ && !has_slice_))
+        open_ = false;
+    has_slice_ = false;
+    slices_ = 0;
+}
+
+void H264Splitter::handle(const StartCode &code, uint64_t end, uint64_t next_code) {
+    const uint64_t nal = code.nal;
+    if (nal >= end)
+        return; // a start code with nothing behind it
+    const uint8_t *p = in_.at(nal);
+    const uint8_t header = p[0];
+    const uint8_t type = header & 0x1F;
+    const bool slice = type == 1 || type == 5;
+    const bool first_mb_zero = slice && nal + 1 < end && (p[1] & 0x80);
+    if (type >= 10 && type <= 12) {
+        // End of sequence / stream and filler data carry nothing a stored sample needs.
+        close(code.begin);
+        return;
+    }
+    bool boundary =
+        type == 9 ||
+        (has_slice_ && (type == 6 || type == 7 || type == 8 || (type >= 14 && type <= 18))) ||
+        (has_slice_ && slice && first_mb_zero);
+    if (open_ && boundary)
+        close(code.begin);
+    if (!open_) {
+        open_ = true;
+        unit_start_ = code.begin;
+    }
+    if (slice) {
+        has_slice_ = true;
+        if (++slices_ > 1)
+            info_.multi_slice = true;
+    }
+    if (type == 7 && !info_.have_sps) {
+        H264Info parsed;
+        if (parseSps(p, size_t(end - nal), &parsed)) {
+            info_.profile = parsed.profile;
+            info_.level = parsed.level;
+            info_.width = parsed.width;
+            info_.height = parsed.height;
+        }
+        info_.have_sps = true;
+    }
+    if (type == 8)
+        info_.have_pps = true;
+    if ((type == 7 && info_.sps.empty()) || (type == 8 && info_.pps.empty()))
+        (type == 7 ? info_.sps : info_.pps) = parameterSet(p, size_t(next_code - nal));
+}
+
+// ---- MPEG-4 Visual ---------------------------------------------------------------------------
+
+// A plane runs from the first start code after the previous plane up to the next start code
+// after its own; the headers before a plane go with it.
+bool M4vSplitter::next(Unit *unit) {
+    while (ready_count_ == 0) {
+        if (done_)
+            return false;
+        StartCode code;
+        uint64_t keep = open_ ? unit_start_ : UINT64_MAX;
+        if (pending_ && pending_code_.nal - 3 < keep)
+            keep = pending_code_.nal - 3;
+        bool more = scanner_.next(keep, &code);
+        if (pending_ && !handle(pending_code_, more ? code.nal - 3 : in_.size()))
+            more = false; // only the last start code can have its code byte past the end
+        if (more) {
+            pending_code_ = code;
+            pending_ = true;
+        } else {
+            if (open_ && seen_vop_)
+                emit(in_.size());
+            done_ = true;
+        }
+    }
+    *unit = ready_[0];
+    ready_[0] = ready_[1];
+    ready_count_--;
+    count_++;
+    return true;
+}
+
+// The last start code can end one plane and the end of the input the next: two at most.
+void M4vSplitter::emit(uint64_t end) {
+    ready_[ready_count_++] = Unit{unit_start_, size_t(end - unit_start_)};
+}
+
+bool M4vSplitter::handle(const StartCode &code, uint64_t end) {
+    const uint64_t at = code.nal - 3; // MPEG-4 start codes are three bytes
+    const uint64_t code_pos = code.nal;
+    if (code_pos >= in_.size())
         return false;
+    const uint8_t c = *in_.at(code_pos);
+    if (c == 0xB1) { // end of the sequence
+        if (open_ && seen_vop_)
+            emit(at);
+        open_ = seen_vop_ = false;
+        return true;
     }
+    if (open_ && seen_vop_) {
+        emit(at);
+        open_ = seen_vop_ = false;
+    }
+    if (!open_) {
+        open_ = true;
+        unit_start_ = at;
+    }
+    if (c == 0xB6)
+        seen_vop_ = true;
+    else if (c == 0xB0 && code_pos + 1 < in_.size())
+        info_.profile_level = *in_.at(code_pos + 1);
+    else if (c >= 0x20 && c <= 0x2F && info_.width == 0)
+        parseVol(in_.at(at), size_t(end - at), &info_);
     return true;
 }
 
@@ -447,67 +606,86 @@ bool splitM4v(const uint8_t *data, size_t size, std::vector<Unit> *units, M4vInf
 static const uint32_t adts_rates[16] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
                                         16000, 12000, 11025, 8000,  7350,  0,     0,     0};
 
-bool splitAdts(const uint8_t *data, size_t size, std::vector<Unit> *units, AdtsInfo *info,
-               bool *dropped_tail, std::string *error) {
-    *dropped_tail = false;
-    size_t pos = 0;
-    while (pos < size) {
-        const uint8_t *h = data + pos;
-        if (size - pos < 7) {
-            *dropped_tail = true;
-            break;
-        }
-        if (h[0] != 0xFF || (h[1] & 0xF0) != 0xF0) {
-            *error = units->empty() ? std::string("not an ADTS AAC stream (no frame header)")
-                                    : "lost ADTS frame sync at offset " + std::to_string(pos);
-            return false;
-        }
-        const size_t header = (h[1] & 1) ? 7 : 9;
-        const size_t length = (size_t(h[3] & 3) << 11) | (size_t(h[4]) << 3) | (h[5] >> 5);
-        if (length < header) {
-            *error = "bad ADTS frame length at offset " + std::to_string(pos);
-            return false;
-        }
-        if (length > size - pos) {
-            *dropped_tail = true;
-            break;
-        }
-        if (units->empty()) {
-            const uint32_t index = (h[2] >> 2) & 0xF;
-            info->sample_rate = adts_rates[index];
-            info->channels = (uint32_t(h[2] & 1) << 2) | (h[3] >> 6);
-            info->object_type = (h[2] >> 6) + 1u;
-            if (!info->sample_rate) {
-                *error = "ADTS header with a reserved sampling frequency index";
-                return false;
-            }
-            if (!info->channels) {
-                *error = "ADTS channel configuration 0 (channels given in the stream) is not "
-                         "supported";
-                return false;
-            }
-        }
-        units->push_back(Unit{pos, length});
-        pos += length;
+bool AdtsSplitter::next(Unit *unit) {
+    if (done_)
+        return false;
+    if (pos_ >= in_.size())
+        return finish();
+    in_.need(pos_, pos_ + 7);
+    const uint64_t size = in_.size(); // less than at the start if the file was cut meanwhile
+    if (pos_ >= size)
+        return finish();
+    if (size - pos_ < 7) {
+        dropped_tail_ = true;
+        return finish();
     }
-    if (units->empty()) {
-        *error = "no complete ADTS frame";
+    const uint8_t *h = in_.at(pos_);
+    if (h[0] != 0xFF || (h[1] & 0xF0) != 0xF0) {
+        error_ = count_ == 0 ? std::string("not an ADTS AAC stream (no frame header)")
+                             : "lost ADTS frame sync at offset " + std::to_string(pos_);
+        done_ = true;
         return false;
     }
+    const size_t header = (h[1] & 1) ? 7 : 9;
+    const size_t length = (size_t(h[3] & 3) << 11) | (size_t(h[4]) << 3) | (h[5] >> 5);
+    if (length < header) {
+        error_ = "bad ADTS frame length at offset " + std::to_string(pos_);
+        done_ = true;
+        return false;
+    }
+    if (length > size - pos_) {
+        dropped_tail_ = true;
+        return finish();
+    }
+    if (count_ == 0) {
+        const uint32_t index = (h[2] >> 2) & 0xF;
+        info_.sample_rate = adts_rates[index];
+        info_.channels = (uint32_t(h[2] & 1) << 2) | (h[3] >> 6);
+        info_.object_type = (h[2] >> 6) + 1u;
+        if (!info_.sample_rate) {
+            error_ = "ADTS header with a reserved sampling frequency index";
+            done_ = true;
+            return false;
+        }
+        if (!info_.channels) {
+            error_ = "ADTS channel configuration 0 (channels given in the stream) is not "
+                     "supported";
+            done_ = true;
+            return false;
+        }
+    }
+    if (!in_.need(pos_, pos_ + length)) {
+        dropped_tail_ = true; // cut while being read
+        return finish();
+    }
+    *unit = Unit{pos_, length};
+    pos_ += length;
+    count_++;
     return true;
+}
+
+bool AdtsSplitter::finish() {
+    if (count_ == 0)
+        error_ = "no complete ADTS frame";
+    done_ = true;
+    return false;
 }
 
 // ---- PCM -------------------------------------------------------------------------------------
 
-void splitPcm(size_t size, uint32_t frame_bytes, uint32_t frames_per_block,
-              std::vector<Unit> *units) {
-    if (frame_bytes == 0 || frames_per_block == 0)
-        return;
-    const size_t frames = size / frame_bytes;
-    for (size_t f = 0; f < frames; f += frames_per_block) {
-        size_t n = frames - f < frames_per_block ? frames - f : frames_per_block;
-        units->push_back(Unit{f * frame_bytes, n * frame_bytes});
-    }
+bool PcmSplitter::next(Unit *unit) {
+    if (frame_bytes_ == 0 || frames_per_block_ == 0)
+        return false;
+    const uint64_t frames = in_.size() / frame_bytes_;
+    if (frame_ >= frames)
+        return false;
+    const uint64_t n = frames - frame_ < frames_per_block_ ? frames - frame_ : frames_per_block_;
+    const uint64_t at = frame_ * frame_bytes_;
+    if (!in_.need(at, at + n * frame_bytes_))
+        return false; // cut while being read
+    *unit = Unit{at, size_t(n * frame_bytes_)};
+    frame_ += n;
+    return true;
 }
 
 } // namespace es
