@@ -16,6 +16,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#endif
 
 namespace es {
 
@@ -383,7 +386,7 @@ bool parseVol(const uint8_t *data, size_t size, M4vInfo *info) {
 // ---- start codes -----------------------------------------------------------------------------
 
 // Offset of the first 00 00 01 in d[from, to) that lies wholly inside it, or `to`.
-static size_t findStartCode(const uint8_t *d, size_t from, size_t to) {
+static size_t findStartCodePortable(const uint8_t *d, size_t from, size_t to) {
     size_t i = from;
 #if defined(__SSE2__)
     // Sixteen positions at a time: a start code begins at i + k where bytes i + k and i + k + 1
@@ -406,6 +409,38 @@ static size_t findStartCode(const uint8_t *d, size_t from, size_t to) {
             return i;
     return to;
 }
+
+#if defined(__x86_64__) && defined(__GNUC__)
+// The same thirty-two positions at a time, on processors that have AVX2: the scan touches every
+// byte of the video, so its width shows in the recording's time.
+__attribute__((target("avx2"))) static size_t findStartCodeAvx2(const uint8_t *d, size_t from,
+                                                                size_t to) {
+    size_t i = from;
+    const __m256i zero = _mm256_setzero_si256(), one = _mm256_set1_epi8(1);
+    while (i + 34 <= to) {
+        __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(d + i));
+        __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(d + i + 1));
+        __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(d + i + 2));
+        __m256i hit = _mm256_and_si256(
+            _mm256_and_si256(_mm256_cmpeq_epi8(a, zero), _mm256_cmpeq_epi8(b, zero)),
+            _mm256_cmpeq_epi8(c, one));
+        unsigned mask = unsigned(_mm256_movemask_epi8(hit));
+        if (mask)
+            return i + size_t(__builtin_ctz(mask));
+        i += 32;
+    }
+    return findStartCodePortable(d, i, to);
+}
+
+static size_t findStartCode(const uint8_t *d, size_t from, size_t to) {
+    static const bool avx2 = __builtin_cpu_supports("avx2");
+    return avx2 ? findStartCodeAvx2(d, from, to) : findStartCodePortable(d, from, to);
+}
+#else
+static size_t findStartCode(const uint8_t *d, size_t from, size_t to) {
+    return findStartCodePortable(d, from, to);
+}
+#endif
 
 bool StartCodeScanner::next(uint64_t keep, StartCode *code) {
     for (;;) {
