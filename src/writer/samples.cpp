@@ -111,6 +111,37 @@ struct Tables {
     Co64 *co64;
 };
 
+// The sample tables of an stbl, each the first child of its type as getChild finds it, in one
+// walk over the children instead of one walk per table: this runs for every sample written.
+Tables findTables(Box *stbl) {
+    Tables t{};
+    for (Box *c = stbl->first_child; c; c = c->next) {
+        switch (c->type) {
+        case fourcc("stts"):
+            t.stts = t.stts ? t.stts : static_cast<Stts *>(c);
+            break;
+        case fourcc("stss"):
+            t.stss = t.stss ? t.stss : static_cast<Stss *>(c);
+            break;
+        case fourcc("stsc"):
+            t.stsc = t.stsc ? t.stsc : static_cast<Stsc *>(c);
+            break;
+        case fourcc("stsz"):
+            t.stsz = t.stsz ? t.stsz : static_cast<Stsz *>(c);
+            break;
+        case fourcc("stco"):
+            t.stco = t.stco ? t.stco : static_cast<Stco *>(c);
+            break;
+        case fourcc("co64"):
+            t.co64 = t.co64 ? t.co64 : static_cast<Co64 *>(c);
+            break;
+        default:
+            break;
+        }
+    }
+    return t;
+}
+
 Box *findTrak(Box *moov, uint32_t track_id) {
     for (Box *b = getChild(moov, fourcc("trak")); b; b = b->next) {
         if (b->type != fourcc("trak"))
@@ -377,8 +408,14 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
     if (!trak)
         return;
     Box *mdia = getChild(trak, fourcc("mdia"));
-    Mdhd *mdhd = static_cast<Mdhd *>(getChild(mdia, fourcc("mdhd")));
-    Box *minf = getChild(mdia, fourcc("minf"));
+    Mdhd *mdhd = nullptr;
+    Box *minf = nullptr;
+    for (Box *c = mdia ? mdia->first_child : nullptr; c && !(mdhd && minf); c = c->next) {
+        if (c->type == fourcc("mdhd") && !mdhd)
+            mdhd = static_cast<Mdhd *>(c);
+        else if (c->type == fourcc("minf") && !minf)
+            minf = c;
+    }
     Box *stbl = getChild(minf, fourcc("stbl"));
     if (mdhd && mdhd->alloc_size < sizeof(Mdhd))
         mdhd = nullptr;
@@ -387,13 +424,7 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
         mdhd->duration += duration;
     if (!stbl || size == 0)
         return;
-    Tables tb{};
-    tb.stts = static_cast<Stts *>(getChild(stbl, fourcc("stts")));
-    tb.stss = static_cast<Stss *>(getChild(stbl, fourcc("stss")));
-    tb.stsc = static_cast<Stsc *>(getChild(stbl, fourcc("stsc")));
-    tb.stsz = static_cast<Stsz *>(getChild(stbl, fourcc("stsz")));
-    tb.stco = static_cast<Stco *>(getChild(stbl, fourcc("stco")));
-    tb.co64 = static_cast<Co64 *>(getChild(stbl, fourcc("co64")));
+    Tables tb = findTables(stbl);
     // Nodes the codec passed over hold no record.
     auto full = [](Box *b, size_t record) { return b && b->alloc_size >= record; };
     if (!full(tb.stss, sizeof(Stss)))
@@ -466,14 +497,20 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
         uint32_t carried = 0;
         if (!new_chunk && stsc->entry_count)
             carried = stsc->entries[stsc->entry_count - 1].samples_per_chunk;
-        if (!append(m, &stsc->entries, &stsc->entry_count, StscEntry{chunks, carried, 1}))
+        // Runs of equal chunks share one entry: an entry that would equal the last one is not
+        // added (appending it only to drop it again would grow the array at a boundary of
+        // realloc_p2 on every sample of such a run).
+        const uint32_t per_chunk = carried + count;
+        if (!(stsc->entry_count &&
+              stsc->entries[stsc->entry_count - 1].samples_per_chunk == per_chunk) &&
+            !append(m, &stsc->entries, &stsc->entry_count, StscEntry{chunks, per_chunk, 1}))
             return;
+    } else {
+        stsc->entries[stsc->entry_count - 1].samples_per_chunk += count;
+        if (stsc->entry_count >= 2 && stsc->entries[stsc->entry_count - 1].samples_per_chunk ==
+                                          stsc->entries[stsc->entry_count - 2].samples_per_chunk)
+            stsc->entry_count--;
     }
-    stsc->entries[stsc->entry_count - 1].samples_per_chunk += count;
-    // Runs of equal chunks share one entry.
-    if (stsc->entry_count >= 2 && stsc->entries[stsc->entry_count - 1].samples_per_chunk ==
-                                      stsc->entries[stsc->entry_count - 2].samples_per_chunk)
-        stsc->entry_count--;
     stsc->chunk_end = pos + l.stored;
     m->flags &= uint8_t(~MP4_NEW_CHUNK);
 
@@ -581,15 +618,14 @@ int isIframe(const uint8_t *data, uint32_t size) {
 int realloc_p2(void **array, uint32_t old_count, uint32_t new_count, uint32_t entry_size) {
     uint64_t old_bytes = uint64_t(old_count) * entry_size;
     uint64_t new_bytes = uint64_t(new_count) * entry_size;
+    // Called for every table entry appended, so the power of two comes from a bit count rather
+    // than a loop.
     auto round = [&](uint64_t n) -> uint64_t {
         if (new_bytes > 0xFFFFF)
             return (n + 0xFFFFF) & ~uint64_t(0xFFFFF);
-        uint64_t r = 1;
-        if (n == 0)
-            return 0;
-        while (r < n)
-            r <<= 1;
-        return r;
+        if (n <= 1)
+            return n;
+        return uint64_t(1) << (64 - __builtin_clzll(n - 1));
     };
     uint64_t old_round = round(old_bytes), new_round = round(new_bytes);
     if (*array && old_round == new_round)
