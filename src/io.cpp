@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 char compressor_name[32] = "Talvorin 4417";
@@ -99,6 +100,7 @@ extern "C" void mp4_delete(mp4_muxer *m) {
     }
     if (m->own_file && m->fp)
         fclose(m->fp);
+    std::free(m->file_buffer);
     deleteBox(m->moov);
     deleteBox(m->mdat);
     if (m->tracks) {
@@ -110,6 +112,8 @@ extern "C" void mp4_delete(mp4_muxer *m) {
     mp4_free(m->overflow_buffer);
     mp4_free(m);
 }
+
+enum { FILE_BUFFER_SIZE = 256 << 10 };
 
 // The attach calls and the debug switch act on the linked handle of a remuxer.
 static mp4_muxer *receiver(mp4_muxer *m) { return m->linked ? m->linked : m; }
@@ -150,6 +154,22 @@ extern "C" void mp4_file_name_ascii(mp4_muxer *m, const char *path) {
     }
     if (r->own_file && r->fp)
         fclose(r->fp); // a second open replaces the first; the library owns both
+    std::free(r->file_buffer);
+    r->file_buffer = nullptr;
+    if (!is_reader(r)) {
+        // A writer puts every sample through two stdio writes: with the default buffer of a
+        // few kilobytes that is a system call every few samples. A larger one, outside the
+        // library's accounted allocations (it only speeds things up), makes them rare. The
+        // stream is the handle's alone and a handle is used by one thread at a time, so stdio
+        // need not lock it.
+        r->file_buffer = static_cast<uint8_t *>(std::malloc(FILE_BUFFER_SIZE));
+        if (r->file_buffer &&
+            setvbuf(f, reinterpret_cast<char *>(r->file_buffer), _IOFBF, FILE_BUFFER_SIZE) != 0) {
+            std::free(r->file_buffer);
+            r->file_buffer = nullptr;
+        }
+        __fsetlocking(f, FSETLOCKING_BYCALLER);
+    }
     r->fp = f;
     r->own_file = 1;
 }

@@ -83,6 +83,7 @@ struct mp4_muxer {
     FILE *fp;
     FILE *fp2;
     uint32_t own_file;
+    uint8_t *file_buffer; // stdio buffer of a file the writer opened itself, freed after it
     uint8_t flags;
     uint8_t error;
     uint8_t depth;

@@ -350,6 +350,11 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
         m->mdat = mdat;
         m->flags |= MP4_NEW_CHUNK;
         pos = mdat->data_pos;
+        // With the movie kept at the start, the file on disk is a complete movie from here on,
+        // as after every update: empty so far. (A stream with a large buffer would otherwise
+        // still hold it.)
+        if (m->max_moov_size && !m->moov_full)
+            flush_output(m);
     }
 
     const bool avc = t->fourcc == fourcc("avc1");
