@@ -35,6 +35,48 @@ template <class E, class F> void codeEntries(mp4_muxer *m, E *entries, uint32_t 
     }
 }
 
+// Writes the entries as big-endian words, the same bytes as codeEntries, in runs of up to 4 KiB
+// per write instead of one write per field: the movie kept at the start of a file is coded twice
+// for every update, and field by field its tables are most of a recording's cost. Only while no
+// write can fail: without an output, or into a memory buffer with room for the run. Returns how
+// many entries were written; the caller codes the rest field by field, so that a failure is met
+// and reported at the same field as ever.
+template <class W, class E> uint32_t writeRuns(mp4_muxer *m, const E *entries, uint32_t count) {
+    static_assert(sizeof(E) % sizeof(W) == 0, "entries are whole words");
+    if (is_reader(m) || !entries || m->fd != -1 || m->fp)
+        return 0;
+    constexpr uint32_t per_run = 4096 / sizeof(E);
+    constexpr size_t words = sizeof(E) / sizeof(W);
+    uint32_t done = 0;
+    if (!m->buffer) {
+        // Without an output only the position moves (the movie is being measured).
+        while (done < count) {
+            const uint32_t k = count - done < (1u << 24) ? count - done : (1u << 24);
+            write_n(m, nullptr, int32_t(uint64_t(k) * sizeof(E)));
+            done += k;
+        }
+        return done;
+    }
+    W run[per_run * words];
+    while (done < count) {
+        const uint32_t k = count - done < per_run ? count - done : per_run;
+        const uint64_t bytes = uint64_t(k) * sizeof(E);
+        if (!(m->pos >= m->buffer_start && m->pos - m->buffer_start < 0x80000000u &&
+              m->pos - m->buffer_start + bytes <= m->buffer_size))
+            break;
+        const W *from = reinterpret_cast<const W *>(entries + done);
+        for (size_t i = 0; i < k * words; i++) {
+            if constexpr (sizeof(W) == 8)
+                run[i] = __builtin_bswap64(from[i]);
+            else
+                run[i] = __builtin_bswap32(from[i]);
+        }
+        write_n(m, run, int32_t(bytes));
+        done += k;
+    }
+    return done;
+}
+
 } // namespace
 
 bool codeStts(mp4_muxer *m, Box **box, uint64_t) {
@@ -45,10 +87,12 @@ bool codeStts(mp4_muxer *m, Box **box, uint64_t) {
     rw32(m, &b->entry_count);
     if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 8))
         return false;
-    codeEntries(m, b->entries, b->entry_count, [m](SttsEntry &e) {
-        rw32(m, &e.sample_count);
-        rw32(m, &e.sample_delta);
-    });
+    const uint32_t fast = writeRuns<uint32_t>(m, b->entries, b->entry_count);
+    codeEntries(m, b->entries ? b->entries + fast : nullptr, b->entry_count - fast,
+                [m](SttsEntry &e) {
+                    rw32(m, &e.sample_count);
+                    rw32(m, &e.sample_delta);
+                });
     return true;
 }
 
@@ -76,7 +120,9 @@ bool codeStss(mp4_muxer *m, Box **box, uint64_t) {
     rw32(m, &b->entry_count);
     if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 4))
         return false;
-    codeEntries(m, b->entries, b->entry_count, [m](uint32_t &e) { rw32(m, &e); });
+    const uint32_t fast = writeRuns<uint32_t>(m, b->entries, b->entry_count);
+    codeEntries(m, b->entries ? b->entries + fast : nullptr, b->entry_count - fast,
+                [m](uint32_t &e) { rw32(m, &e); });
     return true;
 }
 
@@ -91,7 +137,9 @@ bool codeStsz(mp4_muxer *m, Box **box, uint64_t) {
     uint32_t listed = b->sample_size == 0 ? b->sample_count : 0;
     if (is_reader(m) && !allocTable(m, b, &b->entries, listed, 4))
         return false;
-    codeEntries(m, b->entries, listed, [m](uint32_t &e) { rw32(m, &e); });
+    const uint32_t fast = writeRuns<uint32_t>(m, b->entries, listed);
+    codeEntries(m, b->entries ? b->entries + fast : nullptr, listed - fast,
+                [m](uint32_t &e) { rw32(m, &e); });
     m->sample_count = b->sample_count;
     return true;
 }
@@ -121,11 +169,13 @@ bool codeStsc(mp4_muxer *m, Box **box, uint64_t) {
     rw32(m, &b->entry_count);
     if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 12))
         return false;
-    codeEntries(m, b->entries, b->entry_count, [m](StscEntry &e) {
-        rw32(m, &e.first_chunk);
-        rw32(m, &e.samples_per_chunk);
-        rw32(m, &e.sample_description_index);
-    });
+    const uint32_t fast = writeRuns<uint32_t>(m, b->entries, b->entry_count);
+    codeEntries(m, b->entries ? b->entries + fast : nullptr, b->entry_count - fast,
+                [m](StscEntry &e) {
+                    rw32(m, &e.first_chunk);
+                    rw32(m, &e.samples_per_chunk);
+                    rw32(m, &e.sample_description_index);
+                });
     return true;
 }
 
@@ -137,7 +187,9 @@ bool codeStco(mp4_muxer *m, Box **box, uint64_t) {
     rw32(m, &b->entry_count);
     if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 4))
         return false;
-    codeEntries(m, b->entries, b->entry_count, [m](uint32_t &e) { rw32(m, &e); });
+    const uint32_t fast = writeRuns<uint32_t>(m, b->entries, b->entry_count);
+    codeEntries(m, b->entries ? b->entries + fast : nullptr, b->entry_count - fast,
+                [m](uint32_t &e) { rw32(m, &e); });
     return true;
 }
 
@@ -149,6 +201,8 @@ bool codeCo64(mp4_muxer *m, Box **box, uint64_t) {
     rw32(m, &b->entry_count);
     if (is_reader(m) && !allocTable(m, b, &b->entries, b->entry_count, 8))
         return false;
-    codeEntries(m, b->entries, b->entry_count, [m](uint64_t &e) { rw64(m, &e); });
+    const uint32_t fast = writeRuns<uint64_t>(m, b->entries, b->entry_count);
+    codeEntries(m, b->entries ? b->entries + fast : nullptr, b->entry_count - fast,
+                [m](uint64_t &e) { rw64(m, &e); });
     return true;
 }
