@@ -35,20 +35,44 @@ template <class E, class F> void codeEntries(mp4_muxer *m, E *entries, uint32_t 
     }
 }
 
+// Whether `bytes` more can be put to the output without reaching it: there is no output (only
+// the position moves), or a memory buffer with room for them, or stdio buffers with room for
+// them (glibc keeps no room there for line-buffered and unbuffered streams). No write can fail
+// then, and none is made, just as for the same bytes put field by field.
+bool absorbs(const mp4_muxer *m, uint64_t bytes) {
+    if (m->fd != -1)
+        return false;
+    if (m->fp) {
+#if defined(__GLIBC__)
+        auto room = [bytes](const FILE *f) {
+            return f->_IO_write_ptr && f->_IO_write_end > f->_IO_write_ptr &&
+                   uint64_t(f->_IO_write_end - f->_IO_write_ptr) >= bytes;
+        };
+        return room(m->fp) && (!m->fp2 || room(m->fp2));
+#else
+        return false;
+#endif
+    }
+    if (!m->buffer)
+        return true;
+    return m->pos >= m->buffer_start && m->pos - m->buffer_start < 0x80000000u &&
+           m->pos - m->buffer_start + bytes <= m->buffer_size;
+}
+
 // Writes the entries as big-endian words, the same bytes as codeEntries, in runs of up to 4 KiB
-// per write instead of one write per field: the movie kept at the start of a file is coded twice
-// for every update, and field by field its tables are most of a recording's cost. Only while no
-// write can fail: without an output, or into a memory buffer with room for the run. Returns how
-// many entries were written; the caller codes the rest field by field, so that a failure is met
-// and reported at the same field as ever.
+// per write where the output absorbs them, field by field elsewhere, so that a write that fails
+// does so at the same field as ever. A movie kept at the start of a file is coded twice for
+// every update and the final movie once more; field by field its tables were most of a
+// recording's cost. Returns how many entries were written (all of them, or none for a reader, a
+// missing array or a descriptor, which the caller codes field by field).
 template <class W, class E> uint32_t writeRuns(mp4_muxer *m, const E *entries, uint32_t count) {
     static_assert(sizeof(E) % sizeof(W) == 0, "entries are whole words");
-    if (is_reader(m) || !entries || m->fd != -1 || m->fp)
+    if (is_reader(m) || !entries || m->fd != -1)
         return 0;
     constexpr uint32_t per_run = 4096 / sizeof(E);
     constexpr size_t words = sizeof(E) / sizeof(W);
     uint32_t done = 0;
-    if (!m->buffer) {
+    if (!m->fp && !m->buffer) {
         // Without an output only the position moves (the movie is being measured).
         while (done < count) {
             const uint32_t k = count - done < (1u << 24) ? count - done : (1u << 24);
@@ -61,17 +85,22 @@ template <class W, class E> uint32_t writeRuns(mp4_muxer *m, const E *entries, u
     while (done < count) {
         const uint32_t k = count - done < per_run ? count - done : per_run;
         const uint64_t bytes = uint64_t(k) * sizeof(E);
-        if (!(m->pos >= m->buffer_start && m->pos - m->buffer_start < 0x80000000u &&
-              m->pos - m->buffer_start + bytes <= m->buffer_size))
-            break;
         const W *from = reinterpret_cast<const W *>(entries + done);
+        const bool whole = absorbs(m, bytes);
         for (size_t i = 0; i < k * words; i++) {
-            if constexpr (sizeof(W) == 8)
-                run[i] = __builtin_bswap64(from[i]);
-            else
-                run[i] = __builtin_bswap32(from[i]);
+            W w = from[i];
+            if constexpr (sizeof(W) == 8) {
+                if (!whole)
+                    rw64(m, &w);
+                run[i] = __builtin_bswap64(w);
+            } else {
+                if (!whole)
+                    rw32(m, &w);
+                run[i] = __builtin_bswap32(w);
+            }
         }
-        write_n(m, run, int32_t(bytes));
+        if (whole)
+            write_n(m, run, int32_t(bytes));
         done += k;
     }
     return done;
