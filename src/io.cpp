@@ -19,8 +19,10 @@ const uint32_t AACfrequencyTable[16] = {96000, 88200, 64000, 48000, 44100, 32000
 // ---- allocation ------------------------------------------------------------------------------
 
 static long alloc_fail_after = -1;
+static long alloc_fail_only = -1;
 static unsigned long alloc_count = 0;
 static size_t alloc_largest = 0;
+static long alloc_live = 0;
 
 static void note_size(size_t n) {
     if (n > alloc_largest)
@@ -28,6 +30,8 @@ static void note_size(size_t n) {
 }
 
 static bool alloc_allowed() {
+    if (alloc_fail_only >= 0 && alloc_fail_only-- == 0)
+        return false;
     if (alloc_fail_after < 0)
         return true;
     if (alloc_fail_after == 0)
@@ -41,7 +45,9 @@ void *mp4_malloc(size_t n) {
     if (!alloc_allowed())
         return nullptr;
     alloc_count++;
-    return std::malloc(n ? n : 1);
+    void *p = std::malloc(n ? n : 1);
+    alloc_live += p != nullptr;
+    return p;
 }
 
 void *mp4_calloc(size_t count, size_t size) {
@@ -49,9 +55,9 @@ void *mp4_calloc(size_t count, size_t size) {
     if (!alloc_allowed())
         return nullptr;
     alloc_count++;
-    if (count == 0 || size == 0)
-        return std::calloc(1, 1);
-    return std::calloc(count, size);
+    void *p = count == 0 || size == 0 ? std::calloc(1, 1) : std::calloc(count, size);
+    alloc_live += p != nullptr;
+    return p;
 }
 
 void *mp4_realloc(void *p, size_t n) {
@@ -59,14 +65,21 @@ void *mp4_realloc(void *p, size_t n) {
     if (!alloc_allowed())
         return nullptr;
     alloc_count++;
-    return std::realloc(p, n ? n : 1);
+    void *q = std::realloc(p, n ? n : 1);
+    alloc_live += q != nullptr && p == nullptr;
+    return q;
 }
 
-void mp4_free(void *p) { std::free(p); }
+void mp4_free(void *p) {
+    alloc_live -= p != nullptr;
+    std::free(p);
+}
 
 void mp4_alloc_fail_after(long n) { alloc_fail_after = n; }
+void mp4_alloc_fail_only(long n) { alloc_fail_only = n; }
 unsigned long mp4_alloc_count(void) { return alloc_count; }
 size_t mp4_alloc_largest(void) { return alloc_largest; }
+long mp4_alloc_live(void) { return alloc_live; }
 void mp4_alloc_reset_largest(void) { alloc_largest = 0; }
 
 // ---- handle ----------------------------------------------------------------------------------

@@ -166,11 +166,16 @@ void mp4_free(void *p);
 // Test seam: after `n` more successful allocations, every further one fails until reset with
 // -1 (the default: never fail).
 void mp4_alloc_fail_after(long n);
+// Test seam: the allocation after `n` more successful ones fails, and only that one (-1, the
+// default, turns this off).
+void mp4_alloc_fail_only(long n);
 // Number of allocations performed since the process started (for tests that probe each one).
 unsigned long mp4_alloc_count(void);
 // Largest single allocation requested since the last reset (tests of input-bounded allocation).
 size_t mp4_alloc_largest(void);
 void mp4_alloc_reset_largest(void);
+// Blocks allocated and not yet freed (tests that check a handle leaves nothing behind).
+long mp4_alloc_live(void);
 
 // ---- stream operations -----------------------------------------------------------------------
 // Returns the bytes delivered: n, or fewer when the input ran out (end_of_input is then set; a

@@ -375,6 +375,12 @@ bool adopt_moov(mp4_muxer *m, Box *moov) {
         deleteBox(moov);
         return true;
     }
+    if (m->error == MP4_ERR_NOMEM) {
+        // Memory ran out while it was read: any of its boxes may be missing. An incomplete
+        // movie is not written out, nor taken for bad input.
+        deleteBox(moov);
+        return false;
+    }
     if (!plausible_movie(m, moov)) {
         printf("%s: moov larger than its input\n", "defrag");
         m->error = MP4_ERR_BAD_INPUT;
@@ -805,6 +811,12 @@ void refrag(mp4_muxer *m) {
     }
 
     if (!m->tracks) {
+        if (r->error == MP4_ERR_NOMEM) {
+            // Memory ran out while the movie was read: any of its boxes may be missing, and an
+            // incomplete movie is neither written out nor taken for bad input.
+            m->error = MP4_ERR_NOMEM;
+            return;
+        }
         if (!plausible_movie(r, r->moov)) {
             printf("%s: moov larger than its input\n", "refrag");
             m->error = MP4_ERR_BAD_INPUT;

@@ -38,11 +38,16 @@ static uint32_t padding_type(const mp4_muxer *m) {
 
 // The exact size the movie codes to as it now stands at `at`, found by coding it into a handle
 // that has no output. The prediction of checkBoxSize cannot serve: the reservation size sits in
-// the movie node, and sample entries without a layout (subtitles) are left out of it.
+// the movie node, and sample entries without a layout (subtitles) are left out of it. So when
+// that handle cannot be allocated the size is unknown: UNMEASURED, with error 2.
+static const uint64_t UNMEASURED = UINT64_MAX;
+
 static uint64_t coded_movie_size(mp4_muxer *m, uint64_t at) {
     mp4_muxer *probe = mp4_writer_create();
-    if (!probe)
-        return checkBoxSize(m->moov);
+    if (!probe) {
+        m->error = MP4_ERR_NOMEM;
+        return UNMEASURED;
+    }
     probe->flags |= uint8_t(m->flags & MP4_MOV);
     probe->pos = probe->max_pos = at;
     Box *moov = m->moov;
@@ -60,7 +65,7 @@ static uint64_t coded_movie_size(mp4_muxer *m, uint64_t at) {
 static bool fits(const mp4_muxer *m, uint64_t size) {
     // The codec pads a fixed-size box only when more than 8 bytes are left; a smaller gap would
     // leave stale bytes inside the movie box, where a reader may take them for a child box.
-    return size == m->max_moov_size || size + 8 < m->max_moov_size;
+    return size != UNMEASURED && (size == m->max_moov_size || size + 8 < m->max_moov_size);
 }
 
 bool moov_fits_reservation(mp4_muxer *m) {
@@ -102,6 +107,12 @@ void setup_moov_at_start(mp4_muxer *m) {
     }
     const uint64_t at = muxer_pos(m);
     const uint64_t size = coded_movie_size(m, at);
+    if (size == UNMEASURED) {
+        // No reservation without its size: the movie goes to the end of the file.
+        m->moov_interval = 0;
+        m->max_moov_size = 0;
+        return;
+    }
     if (!fits(m, size)) {
         // Not even the empty movie fits: the mode is abandoned at once, as an update would.
         printf("%s: movie of %lu bytes does not fit the %u bytes reserved\n", "setup_moov_at_start",
@@ -217,6 +228,8 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration) {
     }
     const uint64_t at = m->moov->data_pos - 8;
     const uint64_t size = coded_movie_size(m, at);
+    if (size == UNMEASURED)
+        return; // the movie last written stays; the next sample tries again
     if (!fits(m, size)) {
         // Written now it would run past the reservation into the media data behind it: give
         // up before writing, so that the last movie written stays valid.
