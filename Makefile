@@ -11,7 +11,7 @@ SAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 
 FORMAT_DIRS := src include tests tools
 
-.PHONY: all build test test-build test-asan clean format fuzz bench demo
+.PHONY: all build test test-build test-asan clean format fuzz soak bench demo
 
 all: build
 
@@ -63,6 +63,16 @@ fuzz:
 		-DMP4KIT_FUZZ=ON -DMP4KIT_BUILD_TESTS=OFF -DMP4KIT_BUILD_EXAMPLES=OFF
 	$(CMAKE) --build $(BUILD_DIR)/fuzz -j$(JOBS) --target $(FUZZ_TARGETS)
 	bash fuzz/run.sh $(BUILD_DIR)/fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
+# SOAK_CYCLES recordings, readings and remuxes in one release-built process; resident memory
+# and the library's live blocks are reported at intervals, and must not grow.
+SOAK_CYCLES ?= 10000
+
+soak:
+	$(CMAKE) -S . -B $(BUILD_DIR)/soak -DCMAKE_BUILD_TYPE=Release -DMP4KIT_BUILD_SOAK=ON \
+		-DMP4KIT_BUILD_TESTS=OFF -DMP4KIT_BUILD_EXAMPLES=OFF
+	$(CMAKE) --build $(BUILD_DIR)/soak -j$(JOBS) --target mp4kit_soak
+	$(BUILD_DIR)/soak/mp4kit_soak $(SOAK_CYCLES)
 
 clean:
 	rm -rf $(BUILD_DIR)

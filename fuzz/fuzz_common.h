@@ -28,4 +28,6 @@ struct MemoryInput {
     uint32_t size() const { return uint32_t(bytes.size()); }
 };
 
-inline int count_samples(uint64_t, uint64_t, uint32_t, uint32_t) { return 0; }
+inline int count_samples(uint64_t, uint64_t, uint32_t, uint32_t) {
+    return 0;
+}

@@ -1,5 +1,7 @@
 // The defragmenting remuxer on arbitrary input fed in pieces, each handed in as its own
-// exact-size heap block (a read past a piece is an ASan report). The plain movie it writes goes
+// exact-size heap block (a read past a piece is an ASan report): one top-level box at a time,
+// as a receiver of the stream hands them on, or (for inputs of odd length) pieces of 4 KiB
+// that cut boxes anywhere. The plain movie it writes goes
 // to a memory stream, so an output that grows out of proportion to the input shows up as an
 // allocation the fuzzer's malloc limit catches; that output is then loaded and played.
 #include "fuzz_common.h"
@@ -29,10 +31,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     mp4_muxer *m = mp4_remuxer_create();
     mp4_file_pointer(m, out); // goes to the linked writer
+    const bool whole_boxes = size % 2 == 0;
     size_t offset = 0;
     uint32_t piece = 4096;
     int rounds = 0;
+    bool stuck = false; // nothing was taken from the last piece: offer more
     while (offset < size && rounds++ < 10000) {
+        if (whole_boxes && !stuck && size - offset >= 8) {
+            const uint8_t *p = data + offset;
+            uint32_t box = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+            piece = box >= 8 && box <= size - offset ? box : uint32_t(size - offset);
+        }
         uint32_t len = uint32_t(std::min<size_t>(piece, size - offset));
         std::vector<uint8_t> block(data + offset, data + offset + len);
         mp4_buf_put(m, block.data(), len);
@@ -40,10 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         // May exceed the piece: a box cut by its end that the remuxer cannot use counts as
         // consumed whole, and the caller goes on after it.
         uint32_t used = mp4_buf_get(m);
-        if (used == 0) {
+        stuck = used == 0;
+        if (stuck) {
             if (len == size - offset)
                 break;
-            piece *= 2;
+            piece = whole_boxes ? uint32_t(size - offset) : piece * 2;
         }
         offset += used;
     }
