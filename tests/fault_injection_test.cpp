@@ -434,6 +434,18 @@ void expectOnlyDocumentedOutcomes(const Tally &t) {
                 t.nomem, t.absorbed, t.fatal);
 }
 
+// A box node the tree cannot allocate ends the process, by design: the writer builds its movie
+// from nodes that cannot be missing.
+TEST(AllocationFailureDeathTest, ANodeThatCannotBeAllocatedEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            mp4_alloc_fail_only(0);
+            newBox(fourcc("moov"), 8);
+        },
+        testing::ExitedWithCode(1), "^Fatal: out of memory\n$");
+}
+
 TEST(AllocationFailure, TheLiveCountSeesABlockLeftBehind) {
     long live = mp4_alloc_live();
     void *p = mp4_malloc(8);
