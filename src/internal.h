@@ -36,9 +36,12 @@ void write_interleaved_track(mp4_muxer *m, uint32_t track_id);
 // ---- writer/moov_at_start.cpp ----------------------------------------------------------------
 void setup_moov_at_start(mp4_muxer *m);
 void update_moov_atom(mp4_muxer *m, uint32_t duration);
-// Whether the movie as it now stands can be written into the region reserved at the start: it
-// fills the region exactly or leaves room for a padding box behind it.
-bool moov_fits_reservation(mp4_muxer *m);
+// Writes the movie into the region reserved at the start when it fits there; false (nothing
+// written) when it does not.
+bool write_moov_in_region(mp4_muxer *m);
+// Tests watch the writes into the region through this (called before each one).
+extern void (*moov_region_write_hook)(const mp4_muxer *m, uint64_t at, const uint8_t *bytes,
+                                      uint32_t n);
 
 // ---- writer/fragments.cpp --------------------------------------------------------------------
 // The fragmented movie header written by mp4_write_movie on a handle without a movie tree.

@@ -138,6 +138,10 @@ struct mp4_muxer {
     // Bytes of the caller's buffer that exist. The remuxer may count a cut box as consumed by
     // raising buffer_size past them; reads stay within this.
     uint32_t buffer_limit;
+    // The movie kept at the start: the bytes it coded to at its last write, and whether its
+    // children then sat at the back of the region behind a padding box (see moov_at_start.cpp).
+    uint64_t moov_coded;
+    uint8_t moov_at_back;
 };
 
 // Bytes of the attached buffer that may be read or handed out.
@@ -145,7 +149,9 @@ inline uint32_t buffer_readable(const mp4_muxer *m) {
     return m->buffer_size < m->buffer_limit ? m->buffer_size : m->buffer_limit;
 }
 
-inline bool is_reader(const mp4_muxer *m) { return (m->flags & MP4_READER) != 0; }
+inline bool is_reader(const mp4_muxer *m) {
+    return (m->flags & MP4_READER) != 0;
+}
 
 // Track records of a movie read from input are indexed by numbers the input chooses (its
 // next_track_ID, a trak's track_ID). One hostile number must not cost gigabytes of records, so
@@ -155,7 +161,9 @@ inline uint32_t bounded_track_records(uint32_t wanted) {
     const uint32_t most = 1024;
     return wanted < most ? wanted : most;
 }
-inline bool at_end_of_input(const mp4_muxer *m) { return (m->flags & MP4_END_OF_INPUT) != 0; }
+inline bool at_end_of_input(const mp4_muxer *m) {
+    return (m->flags & MP4_END_OF_INPUT) != 0;
+}
 
 // ---- allocation ------------------------------------------------------------------------------
 // Every heap allocation of the library goes through these, so tests can make the n-th one fail.

@@ -339,7 +339,7 @@ long writeCalls() {
     return -1;
 }
 
-TEST(MoovUpdates, AnUpdateReachesTheFileInTwoWritesTheMediaSizeAndTheMovie) {
+TEST(MoovUpdates, AnUpdateReachesTheFileInThreeWritesTheMediaSizeTheMovieAndItsSwitch) {
     if (writeCalls() < 0)
         GTEST_SKIP() << "/proc/self/io is not readable here";
     for (int stdio = 0; stdio < 2; stdio++) {
@@ -370,7 +370,9 @@ TEST(MoovUpdates, AnUpdateReachesTheFileInTwoWritesTheMediaSizeAndTheMovie) {
         long plain = frame();    // 3600 left
         long updating = frame(); // reaches the countdown
         EXPECT_EQ(m->moov_countdown, 10800u);
-        EXPECT_EQ(updating - plain, 2);
+        // The media data size, the new movie beside the old one, the 8 bytes that make it the
+        // movie.
+        EXPECT_EQ(updating - plain, 3);
         Bytes f = test_util::readFile(path);
         EXPECT_EQ(samplesListed(f, 1), 3u);
         mp4_delete(m);
@@ -378,6 +380,115 @@ TEST(MoovUpdates, AnUpdateReachesTheFileInTwoWritesTheMediaSizeAndTheMovie) {
             fclose(fp);
         if (fd >= 0)
             close(fd);
+    }
+}
+
+// ---- a kill inside a write ----------------------------------------------------------------------
+
+// Samples per track that a file's movie lists, played by the library's own reader from memory,
+// each of them inside the file; empty when the file does not load or a sample lies outside it
+// (a movie of no samples yet is two zeros).
+std::vector<uint32_t> playable(const Bytes &f) {
+    struct Seen {
+        std::vector<uint32_t> count = std::vector<uint32_t>(3, 0);
+        bool outside = false;
+        uint64_t length = 0;
+    } seen;
+    seen.length = f.size();
+    mp4_muxer *r = mp4_reader_create();
+    Bytes copy = f;
+    mp4_buf_put(r, copy.data(), uint32_t(copy.size()));
+    mp4_play_mixed_timescales(r, 1); // 90 kHz video, 48 kHz audio
+    mp4_set_sample_callback(
+        r,
+        [](void *opaque, uint32_t track, uint64_t offset, uint64_t, uint32_t size, uint32_t) {
+            auto *s = static_cast<Seen *>(opaque);
+            if (track < 3)
+                s->count[track]++;
+            if (offset + size > s->length)
+                s->outside = true;
+            return 0;
+        },
+        &seen);
+    for (int calls = 0; mp4_play(r) == 0 && calls < 1000000; calls++) {
+    }
+    const bool loaded = r->moov != nullptr && mp4_get_error_code(r) == 0;
+    mp4_buf_get(r);
+    mp4_delete(r);
+    if (!loaded || seen.outside)
+        return {};
+    return {seen.count[1], seen.count[2]};
+}
+
+// Every write into the region, cut at each page boundary it crosses, as the kernel leaves a
+// write that a kill interrupts.
+struct TornWrites {
+    std::string path;
+    size_t writes = 0, cuts = 0, bad = 0;
+    std::string first_bad;
+    static TornWrites *current;
+
+    static void hook(const mp4_muxer *, uint64_t at, const uint8_t *bytes, uint32_t n) {
+        TornWrites &t = *current;
+        t.writes++;
+        const Bytes before = test_util::readFile(t.path);
+        const std::vector<uint32_t> old_listed = playable(before);
+        Bytes after = before;
+        if (after.size() < at + n)
+            after.resize(at + n);
+        std::copy(bytes, bytes + n, after.begin() + long(at));
+        const std::vector<uint32_t> new_listed = playable(after);
+        for (uint64_t cut = (at / 4096 + 1) * 4096; cut < at + n; cut += 4096) {
+            Bytes torn = before;
+            if (torn.size() < cut)
+                torn.resize(cut);
+            std::copy(bytes, bytes + (cut - at), torn.begin() + long(at));
+            const std::vector<uint32_t> listed = playable(torn);
+            t.cuts++;
+            if (listed.empty() || (listed != old_listed && listed != new_listed)) {
+                if (t.bad++ == 0)
+                    t.first_bad = "write " + std::to_string(t.writes) + " of " + std::to_string(n) +
+                                  " bytes at " + std::to_string(at) + " cut at " +
+                                  std::to_string(cut);
+            }
+        }
+    }
+};
+TornWrites *TornWrites::current = nullptr;
+
+TEST(MoovUpdates, AKillInsideAnyWriteOfAnUpdateLeavesTheOldMovieOrTheNewOne) {
+    // Movies of several pages, each update's movie and the one before it fitting the region
+    // side by side (under 32 KiB each, a kind of reservation a recording plans for).
+    for (bool mov : {false, true}) {
+        SCOPED_TRACE(mov ? "QuickTime" : "MP4");
+        test_util::TempDir dir;
+        TornWrites torn;
+        torn.path = dir.file(mov ? "torn.mov" : "torn.mp4");
+        TornWrites::current = &torn;
+        moov_region_write_hook = TornWrites::hook;
+        mp4_muxer *m = mov ? mov_writer_create() : mp4_writer_create();
+        int fd = open(torn.path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        mp4_file_descriptor(m, fd);
+        mp4_set_moov_mode(m, 65536, 90000); // every 25 frames
+        addTracks(m);
+        Streams s;
+        for (size_t i = 0; i < 1000; i++)
+            s.step(m, i);
+        const size_t during = torn.writes;
+        mp4_write_movie(m);
+        moov_region_write_hook = nullptr;
+        EXPECT_EQ(mp4_get_error_code(m), 0u);
+        mp4_delete(m);
+        close(fd);
+        EXPECT_GE(during, 80u);         // two writes per update, 40 updates
+        EXPECT_GT(torn.writes, during); // the finish is watched too
+        EXPECT_GT(torn.cuts, 40u);
+        EXPECT_EQ(torn.bad, 0u) << "first: " << torn.first_bad;
+        printf("%zu writes into the region, %zu cut states checked\n", torn.writes, torn.cuts);
+        Bytes f = test_util::readFile(torn.path);
+        EXPECT_EQ(test_util::findBox(f, "moov").size, 65536u);
+        EXPECT_EQ(playable(f), (std::vector<uint32_t>{1000, uint32_t(s.audio)}));
     }
 }
 
@@ -550,8 +661,8 @@ TEST(MoovFinish, AMovieThatWouldLeaveAGapTooSmallForPaddingGoesToTheEnd) {
         mp4_write_movie(m);
         mp4_delete(m);
         Bytes f = test_util::readFile(dir.file("probe.mp4"));
-        one_frame =
-            test_util::findBox(f, "moov/free").offset - test_util::findBox(f, "moov").offset;
+        // The movie box spans the region; its padding child is what the movie left free.
+        one_frame = test_util::findBox(f, "moov").size - test_util::findBox(f, "moov/free").size;
     }
     ASSERT_GT(one_frame, empty + 8);
     for (uint64_t slack : {0, 1, 8, 9}) {

@@ -403,7 +403,10 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
         printf("max_moov_size=%u moov_interval=%u moov->size=%lu\n", m->max_moov_size,
                m->moov_interval, (unsigned long)m->moov->size);
         // The movie may have grown past the region since the last update, or had none.
-        if (m->moov_full || !moov_fits_reservation(m)) {
+        if (!m->moov_full && write_moov_in_region(m)) {
+            at_start = true;
+            muxer_seek(m, m->moov->data_pos - 8 + m->max_moov_size);
+        } else {
             // The movie outgrew its room: blank the room, the movie goes to the end.
             DataBox pad{};
             pad.type = (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");
@@ -411,11 +414,10 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
             rwBox(m, &pad);
             muxer_seek(m, here);
             m->moov->node_flags |= BOX_AUTO_SIZE;
-        } else {
-            at_start = true;
         }
     }
-    rwBox(m, m->moov);
+    if (!at_start)
+        rwBox(m, m->moov);
     uint64_t after = muxer_pos(m);
     if (m->max_file_size && after > m->max_file_size)
         printf("max file size exceeded %lx > %lx\n", (unsigned long)after,

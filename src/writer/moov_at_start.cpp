@@ -1,5 +1,6 @@
 // A movie header kept at the start of the file: reserved before the first sample and rewritten
-// in place as the recording goes, so that a recording cut off at any moment stays playable.
+// within its region as the recording goes, so that a recording cut off at any moment stays
+// playable.
 #include "internal.h"
 
 #include <cerrno>
@@ -68,12 +69,6 @@ static bool fits(const mp4_muxer *m, uint64_t size) {
     return size != UNMEASURED && (size == m->max_moov_size || size + 8 < m->max_moov_size);
 }
 
-bool moov_fits_reservation(mp4_muxer *m) {
-    if (!m->moov || m->max_moov_size == 0 || m->moov->data_pos < 8)
-        return false;
-    return fits(m, coded_movie_size(m, m->moov->data_pos - 8));
-}
-
 void setup_moov_at_start(mp4_muxer *m) {
     if (m->moov_max_minutes) {
         const uint32_t minutes = m->moov_max_minutes;
@@ -136,6 +131,8 @@ void setup_moov_at_start(mp4_muxer *m) {
     m->moov->size = m->max_moov_size;
     m->moov->node_flags &= uint8_t(~BOX_AUTO_SIZE);
     rwBox(m, m->moov);
+    m->moov_coded = size;
+    m->moov_at_back = 0;
     m->moov_countdown = m->moov_interval;
 }
 
@@ -146,12 +143,17 @@ static void put_be32(uint8_t *p, uint32_t v) {
     p[3] = uint8_t(v);
 }
 
+void (*moov_region_write_hook)(const mp4_muxer *m, uint64_t at, const uint8_t *bytes,
+                               uint32_t n) = nullptr;
+
 // Puts n bytes at `at` on the output in one write. A stdio stream would cut them into
 // buffer-sized writes, so its buffer is flushed and the bytes go to its descriptor directly,
 // which leaves the stream's own position alone.
 static void write_region(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint32_t n) {
+    flush_output(m);
+    if (moov_region_write_hook)
+        moov_region_write_hook(m, at, bytes, n);
     if (m->fp && fileno(m->fp) >= 0 && (!m->fp2 || fileno(m->fp2) >= 0)) {
-        flush_output(m);
         bool done = true;
         for (FILE *f : {m->fp, m->fp2}) {
             if (!f)
@@ -175,44 +177,132 @@ static void write_region(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint32
     write_n(m, bytes, int32_t(n));
 }
 
-// Writes the movie of `size` bytes into the reserved region at `at` with one write to the
-// output: the movie is coded into memory first, followed by the header of the padding box that
-// covers the rest of the region (its payload needs no rewriting). A process killed during an
-// update thus leaves the old movie or the new one, not a mixture of the two. False when the
-// memory path is not available; nothing has been written then.
-static bool write_movie_at_once(mp4_muxer *m, uint64_t at, uint64_t size) {
-    const uint64_t n = size + (size < m->max_moov_size ? 8 : 0);
-    if (n > 0x7FFFFFFF)
-        return false; // beyond what one write carries
-    auto *bytes = static_cast<uint8_t *>(mp4_calloc(size_t(n), 1));
+// A kill can land inside a write, and the kernel then leaves it cut at a page boundary: a movie
+// rewritten over itself would be left half old, half new. So while the old movie and the new one
+// fit the region side by side, the new one goes where the old one is not, hidden inside a
+// padding box, and becomes the movie with one 8-byte write at the start of the region, which no
+// page boundary cuts. The movie box itself always covers the region exactly:
+//   front: moov [children][padding]          back: moov [padding][children]
+// At the front, the first child's header is that 8-byte write; at the back, the padding's.
+// Only a movie of more than half the region is rewritten over itself (one write, as before).
+
+// The movie of `size` bytes coded into a zeroed block of `total` bytes, as it goes at the front
+// of the region at `at`: its header claims the whole region and a padding header follows it when
+// it leaves room. Null when it cannot be coded in memory.
+static uint8_t *code_movie(mp4_muxer *m, uint64_t at, uint64_t size, uint64_t total) {
+    const uint64_t reserved = m->max_moov_size;
+    if (total > 0x7FFFFFFF)
+        return nullptr; // beyond what one write carries
+    auto *bytes = static_cast<uint8_t *>(mp4_calloc(size_t(total), 1));
     if (!bytes)
-        return false;
+        return nullptr;
     mp4_muxer *scratch = mp4_writer_create();
     if (!scratch) {
         mp4_free(bytes);
-        return false;
+        return nullptr;
     }
     scratch->flags |= uint8_t(m->flags & (MP4_MOV | MP4_DEBUG));
     scratch->pos = scratch->max_pos = at; // the boxes keep the positions they have in the file
-    mp4_buf_put(scratch, bytes, uint32_t(n));
+    mp4_buf_put(scratch, bytes, uint32_t(total));
     // Coded at its own size, so that the codec adds no padding; the region's size goes into the
     // header afterwards.
     m->moov->size = size;
     rwBox(scratch, m->moov);
-    m->moov->size = m->max_moov_size;
+    m->moov->size = reserved;
     const bool coded = scratch->error == 0 && scratch->pos == at + size;
     mp4_buf_get(scratch);
     mp4_delete(scratch);
-    if (coded) {
-        put_be32(bytes, m->max_moov_size);
-        if (size < m->max_moov_size) {
-            put_be32(bytes + size, uint32_t(m->max_moov_size - size));
-            put_be32(bytes + size + 4, padding_type(m));
-        }
+    if (!coded) {
+        mp4_free(bytes);
+        return nullptr;
+    }
+    put_be32(bytes, uint32_t(reserved));
+    if (size < reserved) {
+        put_be32(bytes + size, uint32_t(reserved - size));
+        put_be32(bytes + size + 4, padding_type(m));
+    }
+    return bytes;
+}
+
+// Whether the movie of `size` bytes and the one last written fit the region side by side.
+static bool beside(const mp4_muxer *m, uint64_t size) {
+    return m->moov_coded >= 16 && size >= 16 && m->moov_coded + size <= m->max_moov_size;
+}
+
+// Puts the movie coded in `bytes` at the back of the region, behind the padding that holds the
+// old movie's children; then the padding is moved to the front over them.
+static void place_at_back(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint64_t size) {
+    const uint64_t padding = m->max_moov_size - size;
+    write_region(m, at + padding + 8, bytes + 8, uint32_t(size - 8));
+    uint8_t header[8];
+    put_be32(header, uint32_t(padding));
+    put_be32(header + 4, padding_type(m));
+    write_region(m, at + 8, header, 8);
+    m->moov_at_back = 1;
+    m->moov_coded = size;
+}
+
+// Puts the movie coded in `bytes` (`n` of them) at the front of the region, behind the padding
+// header that hides it from there on; then the first child's header replaces the padding's.
+// Without room beside the old movie it is written over it.
+static void place_at_front(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint64_t size,
+                           uint64_t n) {
+    if (beside(m, size) && m->moov_at_back) {
+        write_region(m, at + 16, bytes + 16, uint32_t(n - 16));
+        write_region(m, at + 8, bytes + 8, 8);
+    } else {
         write_region(m, at, bytes, uint32_t(n));
     }
+    m->moov_at_back = 0;
+    m->moov_coded = size;
+}
+
+// Writes the movie of `size` bytes into the reserved region at `at`. False when the movie cannot
+// be coded in memory; nothing has been written then.
+static bool write_movie_at_once(mp4_muxer *m, uint64_t at, uint64_t size) {
+    const uint64_t n = size + (size < m->max_moov_size ? 8 : 0);
+    uint8_t *bytes = code_movie(m, at, size, n);
+    if (!bytes)
+        return false;
+    if (beside(m, size) && !m->moov_at_back)
+        place_at_back(m, at, bytes, size);
+    else
+        place_at_front(m, at, bytes, size, n);
     mp4_free(bytes);
-    return coded;
+    return true;
+}
+
+// The finished movie ends at the front whatever the updates left, with its padding zeroed: the
+// same bytes as a movie written there at once, and no earlier movie left inside the padding. A
+// movie at the front that has room beside it first moves to the back, so that every step leaves
+// a whole movie.
+bool write_moov_in_region(mp4_muxer *m) {
+    const uint64_t at = m->moov->data_pos - 8;
+    const uint64_t size = coded_movie_size(m, at);
+    if (!fits(m, size))
+        return false;
+    const uint64_t reserved = m->max_moov_size;
+    uint8_t *bytes = code_movie(m, at, size, reserved);
+    if (!bytes) {
+        muxer_seek(m, at);
+        rwBox(m, m->moov);
+        m->moov_coded = size;
+        m->moov_at_back = 0;
+        return true;
+    }
+    if (!m->moov_at_back && beside(m, size) && 2 * size <= reserved)
+        place_at_back(m, at, bytes, size);
+    if (beside(m, size) && m->moov_at_back) {
+        // The old children at the back lie inside the padding once the switch is made: zeroed
+        // last.
+        const uint64_t back = reserved - m->moov_coded + 8;
+        place_at_front(m, at, bytes, size, back);
+        write_region(m, at + back, bytes + back, uint32_t(reserved - back));
+    } else {
+        place_at_front(m, at, bytes, size, reserved);
+    }
+    mp4_free(bytes);
+    return true;
 }
 
 void update_moov_atom(mp4_muxer *m, uint32_t duration) {
@@ -246,6 +336,8 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration) {
     if (!write_movie_at_once(m, at, size)) {
         muxer_seek(m, at);
         rwBox(m, m->moov);
+        m->moov_coded = size;
+        m->moov_at_back = 0;
     }
     muxer_seek(m, here);
     flush_output(m);
