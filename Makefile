@@ -11,7 +11,7 @@ SAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 
 FORMAT_DIRS := src include tests tools
 
-.PHONY: all build test test-build test-asan clean format fuzz soak bench demo
+.PHONY: all build test test-build test-asan clean format fuzz soak bench demo memcheck
 
 all: build
 
@@ -73,6 +73,13 @@ soak:
 		-DMP4KIT_BUILD_TESTS=OFF -DMP4KIT_BUILD_EXAMPLES=OFF
 	$(CMAKE) --build $(BUILD_DIR)/soak -j$(JOBS) --target mp4kit_soak
 	$(BUILD_DIR)/soak/mp4kit_soak $(SOAK_CYCLES)
+
+# The recording, reading and remuxing suites under valgrind: no leak, no memory error.
+memcheck:
+	$(CMAKE) -S . -B $(BUILD_DIR)/test -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DMP4KIT_WERROR=ON -DMP4KIT_SANITIZE=OFF -DMP4KIT_BUILD_TESTS=ON
+	$(CMAKE) --build $(BUILD_DIR)/test -j$(JOBS)
+	bash tests/memcheck.sh $(BUILD_DIR)/test
 
 clean:
 	rm -rf $(BUILD_DIR)
