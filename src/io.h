@@ -69,6 +69,13 @@ struct mp4_track {
     // exists can still be built later.
     uint32_t palette[16];
     uint8_t has_palette;
+    // Where the writer last found this track's boxes (trak, mdia, mdhd, minf, stbl and its
+    // tables, as samples.cpp lays them out), good while cache_moov is the movie and
+    // box_tree_generation still reads cache_generation: samples are written without a walk over the
+    // tree.
+    uint64_t cache_generation;
+    Box *cache_moov;
+    Box *cache_boxes[11];
 };
 
 typedef uint32_t (*mp4_remux_fn)(mp4_muxer *m, uint32_t track_ID, uint64_t offset, uint32_t size,

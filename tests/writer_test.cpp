@@ -849,6 +849,33 @@ TEST(SampleTables, AReservedMovieKeepsItsSizeAsTheTreeChanges) {
     EXPECT_EQ(h.m->moov->size, 65536u);
 }
 
+TEST(SampleTables, SamplesFollowTheTablesWhenTheTreeChangesBetweenThem) {
+    // The writer keeps each track's boxes between samples; a table replaced in between (as the
+    // tree allows) must receive the next samples, and the one removed must not be touched.
+    Handle h(mp4_writer_create());
+    mp4_video_track_create(h.m, fourcc("avc1"), 90000, 3600, 0, 64, 48, 66, 30);
+    mp4_audio_track_create(h.m, fourcc("mp4a"), 48000, 1024, 0, 48000, 2);
+    write(h.m, 1, idrUnit(), 3600);
+    write(h.m, 2, adts({1, 2, 3}), 1024);
+    write(h.m, 1, pUnit(), 3600);
+    const std::vector<uint32_t> before = stszOf(h.m, 1); // an IDR unit and a P unit, stored
+    ASSERT_EQ(before.size(), 2u);
+    Stsz *old_stsz = table<Stsz>(h.m, 1, "stsz");
+    ASSERT_NE(old_stsz, nullptr);
+    Box *stbl = getParent(old_stsz);
+    auto *fresh = static_cast<Stsz *>(newBox(fourcc("stsz"), 20));
+    deleteBox(old_stsz);
+    addBox(fresh, stbl);
+    deleteBox(table<Stss>(h.m, 1, "stss"));
+    write(h.m, 1, pUnit(), 3600);
+    write(h.m, 2, adts({4, 5}), 1024);
+    write(h.m, 1, idrUnit(), 3600);
+    EXPECT_EQ(table<Stsz>(h.m, 1, "stsz"), fresh);
+    EXPECT_EQ(stszOf(h.m, 1), (std::vector<uint32_t>{before[1], before[0]}));
+    EXPECT_EQ(table<Stss>(h.m, 1, "stss"), nullptr);
+    EXPECT_EQ(stszOf(h.m, 2).size(), 2u); // the other track's boxes were left alone
+}
+
 TEST(SampleTables, NoPerSampleAllocationBetweenTableBoundaries) {
     Handle h(mp4_writer_create());
     mp4_video_track_create(h.m, fourcc("avc1"), 90000, 3600, 0, 64, 48, 66, 30);

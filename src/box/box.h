@@ -5,6 +5,7 @@
 
 #include "io.h"
 
+#include <atomic>
 #include <cstdint>
 
 constexpr uint32_t fourcc(const char (&s)[5]) {
@@ -247,8 +248,8 @@ struct AvcC : Box {
     uint8_t lengthSizeMinusOne;
     uint8_t numOfSequenceParameterSets;
     uint8_t numOfPictureParameterSets;
-    uint16_t length[2];           // SPS length, then PPS length
-    uint8_t data[AVCC_DATA_MAX];  // SPS bytes immediately followed by PPS bytes
+    uint16_t length[2];          // SPS length, then PPS length
+    uint8_t data[AVCC_DATA_MAX]; // SPS bytes immediately followed by PPS bytes
 };
 
 struct Btrt : Box {
@@ -441,7 +442,9 @@ void rwExpandableSize(mp4_muxer *m, uint32_t *p);
 void rwFullBox(mp4_muxer *m, FullBox *box);
 void pre_defined(mp4_muxer *m, int bits, uint32_t value);
 void reserved(mp4_muxer *m, int bits);
-inline int req64(uint64_t v) { return v > 0xFFFFFFFFull ? 1 : 0; }
+inline int req64(uint64_t v) {
+    return v > 0xFFFFFFFFull ? 1 : 0;
+}
 
 // ---- box tree (tree.cpp) ---------------------------------------------------------------------
 
@@ -454,6 +457,13 @@ void deleteBox(Box *box);
 void addBox(Box *child, Box *parent);
 void insertBoxAfter(Box *box, Box *after);
 void updateBoxSize(mp4_muxer *m, Box *box);
+// Moves on with every change to the shape of any box tree (a node linked, unlinked, freed or
+// moved by realloc), so that a handle can keep pointers into its tree between calls and know
+// when to look again. Shared by all handles: a change elsewhere only costs a fresh look.
+extern std::atomic<uint64_t> box_tree_generation;
+inline void treeChanged() {
+    box_tree_generation.fetch_add(1, std::memory_order_relaxed);
+}
 // Path lookup: getPath(moov, "trak/mdia/minf/stbl") style helpers live with their users.
 
 // ---- codec (codec.cpp and the layout units) --------------------------------------------------

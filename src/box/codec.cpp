@@ -336,6 +336,7 @@ Box *rwBox(mp4_muxer *m, Box *box) {
             m->parent = nullptr;
             if (!child)
                 break;
+            treeChanged();
             if (last)
                 last->next = child;
             else

@@ -7,49 +7,88 @@
 
 size_t recordSize(uint32_t type) {
     switch (type) {
-    case fourcc("ftyp"): return sizeof(Ftyp);
-    case fourcc("mvhd"): return sizeof(Mvhd);
-    case fourcc("tkhd"): return sizeof(Tkhd);
-    case fourcc("mdhd"): return sizeof(Mdhd);
-    case fourcc("hdlr"): return sizeof(Hdlr);
-    case fourcc("vmhd"): return sizeof(Vmhd);
-    case fourcc("smhd"): return sizeof(Smhd);
-    case fourcc("hmhd"): return sizeof(Hmhd);
-    case fourcc("nmhd"): return sizeof(FullBox);
-    case fourcc("dref"): return sizeof(Dref);
+    case fourcc("ftyp"):
+        return sizeof(Ftyp);
+    case fourcc("mvhd"):
+        return sizeof(Mvhd);
+    case fourcc("tkhd"):
+        return sizeof(Tkhd);
+    case fourcc("mdhd"):
+        return sizeof(Mdhd);
+    case fourcc("hdlr"):
+        return sizeof(Hdlr);
+    case fourcc("vmhd"):
+        return sizeof(Vmhd);
+    case fourcc("smhd"):
+        return sizeof(Smhd);
+    case fourcc("hmhd"):
+        return sizeof(Hmhd);
+    case fourcc("nmhd"):
+        return sizeof(FullBox);
+    case fourcc("dref"):
+        return sizeof(Dref);
     case fourcc("url "):
-    case fourcc("alis"): return sizeof(Url);
-    case fourcc("urn "): return sizeof(Urn);
-    case fourcc("elst"): return sizeof(Elst);
+    case fourcc("alis"):
+        return sizeof(Url);
+    case fourcc("urn "):
+        return sizeof(Urn);
+    case fourcc("elst"):
+        return sizeof(Elst);
     case fourcc("free"):
     case fourcc("skip"):
     case fourcc("wide"):
-    case fourcc("mdat"): return sizeof(DataBox);
-    case fourcc("stts"): return sizeof(Stts);
-    case fourcc("ctts"): return sizeof(Ctts);
-    case fourcc("stss"): return sizeof(Stss);
-    case fourcc("stsz"): return sizeof(Stsz);
-    case fourcc("stz2"): return sizeof(Stz2);
-    case fourcc("stsc"): return sizeof(Stsc);
-    case fourcc("stco"): return sizeof(Stco);
-    case fourcc("co64"): return sizeof(Co64);
-    case fourcc("stsh"): return sizeof(Stsh);
-    case fourcc("stdp"): return sizeof(Stdp);
-    case fourcc("padb"): return sizeof(Padb);
-    case fourcc("stsd"): return sizeof(Stsd);
-    case fourcc("avcC"): return sizeof(AvcC);
-    case fourcc("btrt"): return sizeof(Btrt);
-    case fourcc("chan"): return sizeof(Chan);
-    case fourcc("fiel"): return sizeof(Fiel);
-    case fourcc("mehd"): return sizeof(Mehd);
-    case fourcc("trex"): return sizeof(Trex);
-    case fourcc("mfhd"): return sizeof(Mfhd);
-    case fourcc("tfhd"): return sizeof(Tfhd);
-    case fourcc("trun"): return sizeof(Trun);
-    case fourcc("tfra"): return sizeof(Tfra);
-    case fourcc("mfro"): return sizeof(Mfro);
-    case fourcc("esds"): return sizeof(Esds);
-    case fourcc("iods"): return sizeof(Iods);
+    case fourcc("mdat"):
+        return sizeof(DataBox);
+    case fourcc("stts"):
+        return sizeof(Stts);
+    case fourcc("ctts"):
+        return sizeof(Ctts);
+    case fourcc("stss"):
+        return sizeof(Stss);
+    case fourcc("stsz"):
+        return sizeof(Stsz);
+    case fourcc("stz2"):
+        return sizeof(Stz2);
+    case fourcc("stsc"):
+        return sizeof(Stsc);
+    case fourcc("stco"):
+        return sizeof(Stco);
+    case fourcc("co64"):
+        return sizeof(Co64);
+    case fourcc("stsh"):
+        return sizeof(Stsh);
+    case fourcc("stdp"):
+        return sizeof(Stdp);
+    case fourcc("padb"):
+        return sizeof(Padb);
+    case fourcc("stsd"):
+        return sizeof(Stsd);
+    case fourcc("avcC"):
+        return sizeof(AvcC);
+    case fourcc("btrt"):
+        return sizeof(Btrt);
+    case fourcc("chan"):
+        return sizeof(Chan);
+    case fourcc("fiel"):
+        return sizeof(Fiel);
+    case fourcc("mehd"):
+        return sizeof(Mehd);
+    case fourcc("trex"):
+        return sizeof(Trex);
+    case fourcc("mfhd"):
+        return sizeof(Mfhd);
+    case fourcc("tfhd"):
+        return sizeof(Tfhd);
+    case fourcc("trun"):
+        return sizeof(Trun);
+    case fourcc("tfra"):
+        return sizeof(Tfra);
+    case fourcc("mfro"):
+        return sizeof(Mfro);
+    case fourcc("esds"):
+        return sizeof(Esds);
+    case fourcc("iods"):
+        return sizeof(Iods);
     case fourcc("moov"):
     case fourcc("trak"):
     case fourcc("edts"):
@@ -62,10 +101,14 @@ size_t recordSize(uint32_t type) {
     case fourcc("traf"):
     case fourcc("rmra"):
     case fourcc("rmda"):
-    case fourcc("mfra"): return sizeof(Box);
-    default: return sizeof(SampleEntry);
+    case fourcc("mfra"):
+        return sizeof(Box);
+    default:
+        return sizeof(SampleEntry);
     }
 }
+
+std::atomic<uint64_t> box_tree_generation{1};
 
 Box *newBox(uint32_t type, uint32_t size) {
     size_t bytes = recordSize(type);
@@ -96,6 +139,7 @@ Box *extendBox(Box **pbox, size_t record_size) {
             return nullptr;
         }
         box = static_cast<Box *>(p);
+        treeChanged();
         // The header is always valid, even in a node whose allocated size was never recorded.
         size_t old = box->alloc_size < sizeof(Box) ? sizeof(Box) : box->alloc_size;
         memset(reinterpret_cast<uint8_t *>(box) + old, 0, record_size - old);
@@ -109,6 +153,7 @@ Box *extendBox(Box **pbox, size_t record_size) {
         fresh->node_flags = uint8_t((fresh->node_flags | BOX_HEAP) & ~BOX_ON_STACK);
         fresh->alloc_size = uint32_t(record_size);
         box = fresh;
+        treeChanged();
     }
     *pbox = box;
     return box;
@@ -117,27 +162,62 @@ Box *extendBox(Box **pbox, size_t record_size) {
 // Frees the array a node owns, by type.
 static void freeArrays(Box *box) {
     switch (box->type) {
-    case fourcc("stts"): mp4_free(static_cast<Stts *>(box)->entries); break;
-    case fourcc("ctts"): mp4_free(static_cast<Ctts *>(box)->entries); break;
-    case fourcc("stss"): mp4_free(static_cast<Stss *>(box)->entries); break;
-    case fourcc("stsz"): mp4_free(static_cast<Stsz *>(box)->entries); break;
-    case fourcc("stz2"): mp4_free(static_cast<Stz2 *>(box)->entries); break;
-    case fourcc("stsc"): mp4_free(static_cast<Stsc *>(box)->entries); break;
-    case fourcc("stco"): mp4_free(static_cast<Stco *>(box)->entries); break;
-    case fourcc("co64"): mp4_free(static_cast<Co64 *>(box)->entries); break;
-    case fourcc("elst"): mp4_free(static_cast<Elst *>(box)->entries); break;
-    case fourcc("stsh"): mp4_free(static_cast<Stsh *>(box)->entries); break;
-    case fourcc("stdp"): mp4_free(static_cast<Stdp *>(box)->entries); break;
-    case fourcc("padb"): mp4_free(static_cast<Padb *>(box)->entries); break;
-    case fourcc("hdlr"): mp4_free(static_cast<Hdlr *>(box)->name); break;
+    case fourcc("stts"):
+        mp4_free(static_cast<Stts *>(box)->entries);
+        break;
+    case fourcc("ctts"):
+        mp4_free(static_cast<Ctts *>(box)->entries);
+        break;
+    case fourcc("stss"):
+        mp4_free(static_cast<Stss *>(box)->entries);
+        break;
+    case fourcc("stsz"):
+        mp4_free(static_cast<Stsz *>(box)->entries);
+        break;
+    case fourcc("stz2"):
+        mp4_free(static_cast<Stz2 *>(box)->entries);
+        break;
+    case fourcc("stsc"):
+        mp4_free(static_cast<Stsc *>(box)->entries);
+        break;
+    case fourcc("stco"):
+        mp4_free(static_cast<Stco *>(box)->entries);
+        break;
+    case fourcc("co64"):
+        mp4_free(static_cast<Co64 *>(box)->entries);
+        break;
+    case fourcc("elst"):
+        mp4_free(static_cast<Elst *>(box)->entries);
+        break;
+    case fourcc("stsh"):
+        mp4_free(static_cast<Stsh *>(box)->entries);
+        break;
+    case fourcc("stdp"):
+        mp4_free(static_cast<Stdp *>(box)->entries);
+        break;
+    case fourcc("padb"):
+        mp4_free(static_cast<Padb *>(box)->entries);
+        break;
+    case fourcc("hdlr"):
+        mp4_free(static_cast<Hdlr *>(box)->name);
+        break;
     case fourcc("mdat"):
     case fourcc("free"):
     case fourcc("skip"):
-    case fourcc("wide"): mp4_free(static_cast<DataBox *>(box)->data); break;
-    case fourcc("chan"): mp4_free(static_cast<Chan *>(box)->descriptions); break;
-    case fourcc("trun"): mp4_free(static_cast<Trun *>(box)->samples); break;
-    case fourcc("tfra"): mp4_free(static_cast<Tfra *>(box)->entries); break;
-    default: break; // esds/iods keep their URL bytes inside the record
+    case fourcc("wide"):
+        mp4_free(static_cast<DataBox *>(box)->data);
+        break;
+    case fourcc("chan"):
+        mp4_free(static_cast<Chan *>(box)->descriptions);
+        break;
+    case fourcc("trun"):
+        mp4_free(static_cast<Trun *>(box)->samples);
+        break;
+    case fourcc("tfra"):
+        mp4_free(static_cast<Tfra *>(box)->entries);
+        break;
+    default:
+        break; // esds/iods keep their URL bytes inside the record
     }
 }
 
@@ -154,6 +234,7 @@ static void subtractFromAncestors(Box *from, uint64_t delta) {
 void deleteBox(Box *box) {
     if (!box)
         return;
+    treeChanged();
     while (box->first_child)
         deleteBox(box->first_child);
     if (Box *parent = box->parent) {
@@ -174,7 +255,9 @@ void deleteBox(Box *box) {
         mp4_free(box);
 }
 
-extern "C" Box *getParent(Box *box) { return box ? box->parent : nullptr; }
+extern "C" Box *getParent(Box *box) {
+    return box ? box->parent : nullptr;
+}
 
 extern "C" Box *getChild(Box *box, uint32_t type) {
     if (!box)
@@ -188,6 +271,7 @@ extern "C" Box *getChild(Box *box, uint32_t type) {
 void addBox(Box *child, Box *parent) {
     if (!child || !parent)
         return;
+    treeChanged();
     child->parent = parent;
     if (!parent->first_child) {
         parent->first_child = child;
@@ -203,6 +287,7 @@ void addBox(Box *child, Box *parent) {
 void insertBoxAfter(Box *box, Box *after) {
     if (!box || !after)
         return;
+    treeChanged();
     box->parent = after->parent;
     box->next = after->next;
     after->next = box;
@@ -238,9 +323,8 @@ void updateBoxSize(mp4_muxer *m, Box *box) {
     if (box->data_pos < 8) {
         // No header lies before this position: the box was never written, and seeking to
         // data_pos - 8 would wrap to the far end of the stream.
-        fprintf(stderr, "%s: %c%c%c%c was never written\n", "updateBoxSize",
-                char(box->type >> 24), char(box->type >> 16), char(box->type >> 8),
-                char(box->type));
+        fprintf(stderr, "%s: %c%c%c%c was never written\n", "updateBoxSize", char(box->type >> 24),
+                char(box->type >> 16), char(box->type >> 8), char(box->type));
         return;
     }
     if (!req64(box->size)) {
@@ -272,8 +356,8 @@ void updateBoxSize(mp4_muxer *m, Box *box) {
         muxer_seek(m, box->data_pos - 8);
         rw64(m, &box->size);
     } else {
-        fprintf(stderr, "%s: 64-bit failed  (size=%d type=%c%c%c%c)\n", "updateBoxSize",
-                int(hsize), char(htype >> 24), char(htype >> 16), char(htype >> 8), char(htype));
+        fprintf(stderr, "%s: 64-bit failed  (size=%d type=%c%c%c%c)\n", "updateBoxSize", int(hsize),
+                char(htype >> 24), char(htype >> 16), char(htype >> 8), char(htype));
     }
     muxer_seek(m, here);
 }

@@ -153,6 +153,67 @@ Box *findTrak(Box *moov, uint32_t track_id) {
     return nullptr;
 }
 
+// The boxes a sample of one track is written into. Found by a walk over the track's trak, then
+// kept in the track record while the tree keeps its shape: this runs for every sample written.
+struct WriterBoxes {
+    Box *trak, *mdia, *minf, *stbl;
+    Mdhd *mdhd;
+    Tables tables; // only nodes that hold their record
+};
+
+WriterBoxes writerBoxes(mp4_muxer *m, mp4_track *t, uint32_t track_id) {
+    WriterBoxes w{};
+    Box **c = t->cache_boxes;
+    const uint64_t generation = box_tree_generation.load(std::memory_order_relaxed);
+    if (t->cache_generation == generation && t->cache_moov == m->moov) {
+        w.trak = c[0], w.mdia = c[1], w.mdhd = static_cast<Mdhd *>(c[2]), w.minf = c[3];
+        w.stbl = c[4];
+        w.tables.stts = static_cast<Stts *>(c[5]), w.tables.stss = static_cast<Stss *>(c[6]);
+        w.tables.stsc = static_cast<Stsc *>(c[7]), w.tables.stsz = static_cast<Stsz *>(c[8]);
+        w.tables.stco = static_cast<Stco *>(c[9]), w.tables.co64 = static_cast<Co64 *>(c[10]);
+        return w;
+    }
+    w.trak = findTrak(m->moov, track_id);
+    if (w.trak) {
+        w.mdia = getChild(w.trak, fourcc("mdia"));
+        for (Box *b = w.mdia ? w.mdia->first_child : nullptr; b && !(w.mdhd && w.minf);
+             b = b->next) {
+            if (b->type == fourcc("mdhd") && !w.mdhd)
+                w.mdhd = static_cast<Mdhd *>(b);
+            else if (b->type == fourcc("minf") && !w.minf)
+                w.minf = b;
+        }
+        w.stbl = getChild(w.minf, fourcc("stbl"));
+        if (w.mdhd && w.mdhd->alloc_size < sizeof(Mdhd))
+            w.mdhd = nullptr;
+    }
+    if (w.stbl) {
+        Tables &tb = w.tables;
+        tb = findTables(w.stbl);
+        // Nodes the codec passed over hold no record.
+        auto full = [](Box *b, size_t record) { return b && b->alloc_size >= record; };
+        if (!full(tb.stss, sizeof(Stss)))
+            tb.stss = nullptr;
+        if (!full(tb.stco, sizeof(Stco)))
+            tb.stco = nullptr;
+        if (!full(tb.co64, sizeof(Co64)))
+            tb.co64 = nullptr;
+        if (!full(tb.stts, sizeof(Stts)))
+            tb.stts = nullptr;
+        if (!full(tb.stsc, sizeof(Stsc)))
+            tb.stsc = nullptr;
+        if (!full(tb.stsz, sizeof(Stsz)))
+            tb.stsz = nullptr;
+    }
+    Box *found[11] = {w.trak,        w.mdia,        w.mdhd,        w.minf,
+                      w.stbl,        w.tables.stts, w.tables.stss, w.tables.stsc,
+                      w.tables.stsz, w.tables.stco, w.tables.co64};
+    memcpy(c, found, sizeof found);
+    t->cache_generation = generation;
+    t->cache_moov = m->moov;
+    return w;
+}
+
 // Brings an entry array taken over from a file to the capacity realloc_p2 assumes for its count,
 // so that appending never writes past an exactly sized block.
 bool adoptArray(void **entries, uint32_t count, uint32_t entry_size) {
@@ -409,37 +470,19 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
     writeLayout(m, l);
     m->mdat->size += l.stored;
 
-    Box *trak = findTrak(m->moov, track_id);
+    WriterBoxes wb = writerBoxes(m, t, track_id);
+    Box *trak = wb.trak;
     if (!trak)
         return;
-    Box *mdia = getChild(trak, fourcc("mdia"));
-    Mdhd *mdhd = nullptr;
-    Box *minf = nullptr;
-    for (Box *c = mdia ? mdia->first_child : nullptr; c && !(mdhd && minf); c = c->next) {
-        if (c->type == fourcc("mdhd") && !mdhd)
-            mdhd = static_cast<Mdhd *>(c);
-        else if (c->type == fourcc("minf") && !minf)
-            minf = c;
-    }
-    Box *stbl = getChild(minf, fourcc("stbl"));
-    if (mdhd && mdhd->alloc_size < sizeof(Mdhd))
-        mdhd = nullptr;
+    Mdhd *mdhd = wb.mdhd;
     const uint64_t start_time = mdhd ? mdhd->duration : 0;
     if (mdhd)
         mdhd->duration += duration;
-    if (!stbl || size == 0)
+    if (!wb.stbl || size == 0)
         return;
-    Tables tb = findTables(stbl);
-    // Nodes the codec passed over hold no record.
-    auto full = [](Box *b, size_t record) { return b && b->alloc_size >= record; };
-    if (!full(tb.stss, sizeof(Stss)))
-        tb.stss = nullptr;
-    if (!full(tb.stco, sizeof(Stco)))
-        tb.stco = nullptr;
-    if (!full(tb.co64, sizeof(Co64)))
-        tb.co64 = nullptr;
-    if (!full(tb.stts, sizeof(Stts)) || !full(tb.stsc, sizeof(Stsc)) ||
-        !full(tb.stsz, sizeof(Stsz)) || !(tb.stco || tb.co64))
+    Box *mdia = wb.mdia, *minf = wb.minf, *stbl = wb.stbl;
+    Tables tb = wb.tables;
+    if (!tb.stts || !tb.stsc || !tb.stsz || !(tb.stco || tb.co64))
         return;
     if (!(trak->node_flags & BOX_AUTO_SIZE)) {
         if (!adoptTrak(m, trak, mdia, mdhd, minf, stbl, tb)) {
