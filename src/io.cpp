@@ -8,13 +8,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdio_ext.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 char compressor_name[32] = "Talvorin 4417";
 
-const uint32_t AACfrequencyTable[16] = {96000, 88200, 64000, 48000, 44100, 32000,
-                                        24000, 22050, 16000, 12000, 11025, 8000,
-                                        7350,  0,     0,     0};
+const uint32_t AACfrequencyTable[16] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
+                                        16000, 12000, 11025, 8000,  7350,  0,     0,     0};
 
 // ---- allocation ------------------------------------------------------------------------------
 
@@ -75,12 +75,24 @@ void mp4_free(void *p) {
     std::free(p);
 }
 
-void mp4_alloc_fail_after(long n) { alloc_fail_after = n; }
-void mp4_alloc_fail_only(long n) { alloc_fail_only = n; }
-unsigned long mp4_alloc_count(void) { return alloc_count; }
-size_t mp4_alloc_largest(void) { return alloc_largest; }
-long mp4_alloc_live(void) { return alloc_live; }
-void mp4_alloc_reset_largest(void) { alloc_largest = 0; }
+void mp4_alloc_fail_after(long n) {
+    alloc_fail_after = n;
+}
+void mp4_alloc_fail_only(long n) {
+    alloc_fail_only = n;
+}
+unsigned long mp4_alloc_count(void) {
+    return alloc_count;
+}
+size_t mp4_alloc_largest(void) {
+    return alloc_largest;
+}
+long mp4_alloc_live(void) {
+    return alloc_live;
+}
+void mp4_alloc_reset_largest(void) {
+    alloc_largest = 0;
+}
 
 // ---- handle ----------------------------------------------------------------------------------
 
@@ -94,9 +106,15 @@ static mp4_muxer *new_handle(uint8_t flags) {
     return m;
 }
 
-extern "C" mp4_muxer *mp4_writer_create(void) { return new_handle(0); }
-extern "C" mp4_muxer *mov_writer_create(void) { return new_handle(MP4_MOV); }
-extern "C" mp4_muxer *mp4_reader_create(void) { return new_handle(MP4_READER); }
+extern "C" mp4_muxer *mp4_writer_create(void) {
+    return new_handle(0);
+}
+extern "C" mp4_muxer *mov_writer_create(void) {
+    return new_handle(MP4_MOV);
+}
+extern "C" mp4_muxer *mp4_reader_create(void) {
+    return new_handle(MP4_READER);
+}
 
 extern "C" void mp4_delete(mp4_muxer *m) {
     if (!m)
@@ -123,13 +141,16 @@ extern "C" void mp4_delete(mp4_muxer *m) {
     }
     mp4_free(m->interleave_buffer);
     mp4_free(m->overflow_buffer);
+    mp4_free(m->read_window);
     mp4_free(m);
 }
 
 enum { FILE_BUFFER_SIZE = 256 << 10 };
 
 // The attach calls and the debug switch act on the linked handle of a remuxer.
-static mp4_muxer *receiver(mp4_muxer *m) { return m->linked ? m->linked : m; }
+static mp4_muxer *receiver(mp4_muxer *m) {
+    return m->linked ? m->linked : m;
+}
 
 extern "C" void mp4_debug(mp4_muxer *m, int on) {
     if (!m)
@@ -540,9 +561,86 @@ void muxer_seek(mp4_muxer *m, uint64_t target) {
     m->error = MP4_ERR_SEEK;
 }
 
+// The descriptor behind a file input, or -1 (a memory buffer, or a stream without one).
+static int input_descriptor(const mp4_muxer *m) {
+    if (m->fd != -1)
+        return m->fd;
+    return m->fp ? fileno(m->fp) : -1;
+}
+
+// Reads up to n bytes at `at` without moving the descriptor or the stream; the bytes read.
+static uint32_t pread_some(int fd, uint8_t *dst, uint32_t n, uint64_t at) {
+    uint32_t got = 0;
+    while (got < n) {
+        ssize_t r = pread64(fd, dst + got, n - got, off64_t(at + got));
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            break;
+        got += uint32_t(r);
+    }
+    return got;
+}
+
+enum : uint32_t { READ_WINDOW = 256 << 10, WINDOWED_READ = 64 << 10 };
+
+// Samples are read from a file mostly in order and a few KiB at a time: they come from a window
+// read ahead with pread, which leaves the stream's position and buffer alone, instead of a seek
+// there, a read and a seek back for each. False when the window cannot serve (no descriptor, a
+// large read, or no memory for the window); nothing was read then.
+static bool read_from_window(mp4_muxer *m, uint64_t position, uint32_t n, uint8_t **block,
+                             uint32_t *got) {
+    const int fd = input_descriptor(m);
+    if (fd < 0 || n > WINDOWED_READ)
+        return false;
+    if (!m->read_window) {
+        // Regular files only (pread needs an offset), and no larger than the file: memory in
+        // proportion to the input.
+        struct stat st;
+        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0)
+            return false;
+        const uint64_t size = (uint64_t(st.st_size) + 4095) & ~uint64_t(4095);
+        const uint32_t capacity = size < READ_WINDOW ? uint32_t(size) : READ_WINDOW;
+        m->read_window = static_cast<uint8_t *>(mp4_malloc(capacity));
+        if (!m->read_window)
+            return false;
+        m->read_window_capacity = capacity;
+        m->read_window_len = 0;
+    }
+    if (n > m->read_window_capacity)
+        return false;
+    // Offsets come from the file: compared by differences, which cannot wrap.
+    auto held = [&] {
+        const uint64_t into = position - m->read_window_start;
+        return position < m->read_window_start || into > m->read_window_len
+                   ? 0
+                   : m->read_window_len - uint32_t(into);
+    };
+    if (held() < n) {
+        // Also when the window ended short of the range: the file may have grown since.
+        m->read_window_start = position;
+        m->read_window_len = pread_some(fd, m->read_window, m->read_window_capacity, position);
+    }
+    const uint32_t available = held();
+    const uint32_t have = available < n ? available : n;
+    auto *bytes = static_cast<uint8_t *>(mp4_malloc(have ? have : 1));
+    if (!bytes) {
+        m->error = MP4_ERR_NOMEM;
+        *block = nullptr;
+        return true;
+    }
+    memcpy(bytes, m->read_window + (position - m->read_window_start), have);
+    *block = bytes;
+    *got = have;
+    return true;
+}
+
 uint8_t *read_tmp(mp4_muxer *m, uint64_t position, uint32_t n, uint32_t *got) {
     // n is usually a size taken from a file. The block grows as bytes arrive (64 KiB, then
     // doubling), so it never takes much more memory than the input actually holds.
+    uint8_t *windowed = nullptr;
+    if (read_from_window(m, position, n, &windowed, got))
+        return windowed;
     if (m->fd == -1 && !m->fp) {
         // A memory buffer delivers whole reads only: ask for no more than it holds.
         uint64_t end = m->buffer ? m->buffer_start + buffer_readable(m) : 0;

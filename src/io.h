@@ -145,6 +145,11 @@ struct mp4_muxer {
     // Bytes of the caller's buffer that exist. The remuxer may count a cut box as consumed by
     // raising buffer_size past them; reads stay within this.
     uint32_t buffer_limit;
+    // Bytes of the input file read ahead for read_tmp: [read_window_start, + read_window_len).
+    uint8_t *read_window;
+    uint64_t read_window_start;
+    uint32_t read_window_len;
+    uint32_t read_window_capacity;
     // The movie kept at the start: the bytes it coded to at its last write, and whether its
     // children then sat at the back of the region behind a padding box (see moov_at_start.cpp).
     uint64_t moov_coded;

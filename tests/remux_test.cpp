@@ -1085,6 +1085,47 @@ TEST(Refragment, ASampleReachingPastTheFileKeepsOnlyWhatTheFileHolds) {
                                             f.size() - third, 0}));
 }
 
+// Samples of a file are read ahead through a window; a stream without a descriptor is read
+// where each sample lies. Both must give the same stream, whatever the sizes: small samples
+// that run across the window's end, and samples too large for it.
+TEST(Refragment, SamplesReadAheadFromAFileMatchThoseReadOneByOne) {
+    TempDir dir;
+    // One track, so that the samples are read in file order and runs of them cross the end of
+    // each window.
+    Plan plan = synthetic(2000, 2000, 0, 0);
+    for (size_t i = 50; i < plan.steps.size(); i += 301)
+        plan.steps[i].data = nal(70000 + uint32_t(i), false, uint32_t(i)); // past 64 KiB
+    recordPlain(plan, dir.file("plain.mp4"));
+    Bytes file = readFile(dir.file("plain.mp4"));
+    ASSERT_GT(file.size(), 2u << 18); // windows of 256 KiB, refilled
+
+    Bytes from_file = refragment(dir.file("plain.mp4"));
+    FILE *fp = fmemopen(file.data(), file.size(), "rb");
+    ASSERT_NE(fp, nullptr);
+    ASSERT_LT(fileno(fp), 0);
+    mp4_muxer *h = mp4_refrag_create();
+    mp4_file_pointer(h, fp);
+    Bytes buffer(8 << 20), from_stream;
+    for (;;) {
+        mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+        mp4_remux(h);
+        uint32_t n = mp4_buf_get(h);
+        if (n == 0)
+            break;
+        from_stream.insert(from_stream.end(), buffer.begin(), buffer.begin() + n);
+    }
+    mp4_buf_put(h, buffer.data(), uint32_t(buffer.size()));
+    mp4_write_movie(h);
+    uint32_t n = mp4_buf_get(h);
+    from_stream.insert(from_stream.end(), buffer.begin(), buffer.begin() + n);
+    EXPECT_EQ(mp4_get_error(h), nullptr);
+    mp4_delete(h);
+    fclose(fp);
+    EXPECT_EQ(from_file.size(), from_stream.size());
+    EXPECT_TRUE(from_file == from_stream);
+    EXPECT_EQ(countBoxes(from_file, "mdat"), 2000); // one per sample: none lost
+}
+
 TEST(Refragment, BoxesThatCannotBeWrittenBackFaithfullyAreLeftOut) {
     TempDir dir;
     Plan plan = synthetic(4, 4, 4, 4);
