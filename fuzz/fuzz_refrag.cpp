@@ -1,6 +1,11 @@
-// The refragmenting remuxer reading an arbitrary "plain" file from a memory stream and writing
-// fragments into a memory buffer; what it wrote is then read back by the fragment reader.
+// The refragmenting remuxer reading an arbitrary "plain" file and writing fragments into a memory
+// buffer; what it wrote is then read back by the fragment reader. Inputs of odd length come from
+// a descriptor of an in-memory file (samples then go through the read-ahead window), the others
+// from a memory stream without a descriptor.
 #include "fuzz_common.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     silence_library_output();
@@ -11,11 +16,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0)
         return 0;
     std::vector<uint8_t> input(data, data + size);
-    FILE *in = fmemopen(input.data(), input.size(), "rb");
-    if (!in)
-        return 0;
+    FILE *in = nullptr;
+    int fd = -1;
+    if (size & 1) {
+        fd = memfd_create("fuzz_refrag", 0);
+        if (fd < 0 || write(fd, data, size) != ssize_t(size) || lseek(fd, 0, SEEK_SET) != 0) {
+            if (fd >= 0)
+                close(fd);
+            return 0;
+        }
+    } else {
+        in = fmemopen(input.data(), input.size(), "rb");
+        if (!in)
+            return 0;
+    }
     mp4_muxer *m = mp4_refrag_create();
-    mp4_file_pointer(m, in); // goes to the linked reader
+    if (in)
+        mp4_file_pointer(m, in); // goes to the linked reader
+    else
+        mp4_file_descriptor(m, fd);
     mp4_is_fragmented(m);
     // Large enough for any movie header a fuzz input can describe: an overflowing buffer stalls
     // one second per write by design, which would only slow the fuzzer down.
@@ -39,7 +58,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     mp4_write_frag_header(m);
     keep(mp4_buf_get(m));
     mp4_delete(m);
-    fclose(in);
+    if (in)
+        fclose(in);
+    else
+        close(fd);
 
     if (stream.empty())
         return 0;
