@@ -39,6 +39,26 @@ struct mp4_sample {
     uint32_t duration;
 };
 
+struct Mdhd;
+struct Stts;
+struct Stss;
+struct Stsc;
+struct Stsz;
+struct Stco;
+struct Co64;
+
+// The boxes a track's samples are written into; a table a node does not hold is null.
+struct TrackBoxes {
+    Box *trak, *mdia, *minf, *stbl;
+    Mdhd *mdhd;
+    Stts *stts;
+    Stss *stss;
+    Stsc *stsc;
+    Stsz *stsz;
+    Stco *stco;
+    Co64 *co64;
+};
+
 struct mp4_track {
     uint32_t handler_type;
     const char *handler_name; // not owned
@@ -69,13 +89,12 @@ struct mp4_track {
     // exists can still be built later.
     uint32_t palette[16];
     uint8_t has_palette;
-    // Where the writer last found this track's boxes (trak, mdia, mdhd, minf, stbl and its
-    // tables, as samples.cpp lays them out), good while cache_moov is the movie and
-    // box_tree_generation still reads cache_generation: samples are written without a walk over the
-    // tree.
+    // Where the writer last found this track's boxes: good while cache_moov is the movie and
+    // box_tree_generation still reads cache_generation, so samples are written without a walk
+    // over the tree.
+    TrackBoxes cache;
     uint64_t cache_generation;
     Box *cache_moov;
-    Box *cache_boxes[11];
 };
 
 typedef uint32_t (*mp4_remux_fn)(mp4_muxer *m, uint32_t track_ID, uint64_t offset, uint32_t size,

@@ -155,24 +155,11 @@ Box *findTrak(Box *moov, uint32_t track_id) {
 
 // The boxes a sample of one track is written into. Found by a walk over the track's trak, then
 // kept in the track record while the tree keeps its shape: this runs for every sample written.
-struct WriterBoxes {
-    Box *trak, *mdia, *minf, *stbl;
-    Mdhd *mdhd;
-    Tables tables; // only nodes that hold their record
-};
-
-WriterBoxes writerBoxes(mp4_muxer *m, mp4_track *t, uint32_t track_id) {
-    WriterBoxes w{};
-    Box **c = t->cache_boxes;
+TrackBoxes writerBoxes(mp4_muxer *m, mp4_track *t, uint32_t track_id) {
     const uint64_t generation = box_tree_generation.load(std::memory_order_relaxed);
-    if (t->cache_generation == generation && t->cache_moov == m->moov) {
-        w.trak = c[0], w.mdia = c[1], w.mdhd = static_cast<Mdhd *>(c[2]), w.minf = c[3];
-        w.stbl = c[4];
-        w.tables.stts = static_cast<Stts *>(c[5]), w.tables.stss = static_cast<Stss *>(c[6]);
-        w.tables.stsc = static_cast<Stsc *>(c[7]), w.tables.stsz = static_cast<Stsz *>(c[8]);
-        w.tables.stco = static_cast<Stco *>(c[9]), w.tables.co64 = static_cast<Co64 *>(c[10]);
-        return w;
-    }
+    if (t->cache_generation == generation && t->cache_moov == m->moov)
+        return t->cache;
+    TrackBoxes w{};
     w.trak = findTrak(m->moov, track_id);
     if (w.trak) {
         w.mdia = getChild(w.trak, fourcc("mdia"));
@@ -188,27 +175,13 @@ WriterBoxes writerBoxes(mp4_muxer *m, mp4_track *t, uint32_t track_id) {
             w.mdhd = nullptr;
     }
     if (w.stbl) {
-        Tables &tb = w.tables;
-        tb = findTables(w.stbl);
         // Nodes the codec passed over hold no record.
-        auto full = [](Box *b, size_t record) { return b && b->alloc_size >= record; };
-        if (!full(tb.stss, sizeof(Stss)))
-            tb.stss = nullptr;
-        if (!full(tb.stco, sizeof(Stco)))
-            tb.stco = nullptr;
-        if (!full(tb.co64, sizeof(Co64)))
-            tb.co64 = nullptr;
-        if (!full(tb.stts, sizeof(Stts)))
-            tb.stts = nullptr;
-        if (!full(tb.stsc, sizeof(Stsc)))
-            tb.stsc = nullptr;
-        if (!full(tb.stsz, sizeof(Stsz)))
-            tb.stsz = nullptr;
+        auto full = [](auto *b) { return b && b->alloc_size >= sizeof(*b) ? b : nullptr; };
+        const Tables tb = findTables(w.stbl);
+        w.stts = full(tb.stts), w.stss = full(tb.stss), w.stsc = full(tb.stsc);
+        w.stsz = full(tb.stsz), w.stco = full(tb.stco), w.co64 = full(tb.co64);
     }
-    Box *found[11] = {w.trak,        w.mdia,        w.mdhd,        w.minf,
-                      w.stbl,        w.tables.stts, w.tables.stss, w.tables.stsc,
-                      w.tables.stsz, w.tables.stco, w.tables.co64};
-    memcpy(c, found, sizeof found);
+    t->cache = w;
     t->cache_generation = generation;
     t->cache_moov = m->moov;
     return w;
@@ -470,7 +443,7 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
     writeLayout(m, l);
     m->mdat->size += l.stored;
 
-    WriterBoxes wb = writerBoxes(m, t, track_id);
+    const TrackBoxes wb = writerBoxes(m, t, track_id);
     Box *trak = wb.trak;
     if (!trak)
         return;
@@ -481,7 +454,7 @@ void writeSample(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint32_t 
     if (!wb.stbl || size == 0)
         return;
     Box *mdia = wb.mdia, *minf = wb.minf, *stbl = wb.stbl;
-    Tables tb = wb.tables;
+    Tables tb{wb.stts, wb.stss, wb.stsc, wb.stsz, wb.stco, wb.co64};
     if (!tb.stts || !tb.stsc || !tb.stsz || !(tb.stco || tb.co64))
         return;
     if (!(trak->node_flags & BOX_AUTO_SIZE)) {
