@@ -39,6 +39,8 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration);
 // Writes the movie into the region reserved at the start when it fits there; false (nothing
 // written) when it does not.
 bool write_moov_in_region(mp4_muxer *m);
+// Turns the region at `at` into one padding box with a zero payload.
+void blank_moov_region(mp4_muxer *m, uint64_t at);
 // Tests watch the writes into the region through this (called before each one).
 extern void (*moov_region_write_hook)(const mp4_muxer *m, uint64_t at, const uint8_t *bytes,
                                       uint32_t n);

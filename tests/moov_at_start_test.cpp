@@ -492,6 +492,37 @@ TEST(MoovUpdates, AKillInsideAnyWriteOfAnUpdateLeavesTheOldMovieOrTheNewOne) {
     }
 }
 
+TEST(MoovFinish, AKillWhileAnOutgrownRegionIsBlankedLeavesAMovie) {
+    // The movie outgrows a small reservation; at the finish it goes to the end, and
+    // only then is the region blanked: every cut of those writes leaves a movie to play.
+    test_util::TempDir dir;
+    TornWrites torn;
+    torn.path = dir.file("outgrown.mp4");
+    TornWrites::current = &torn;
+    mp4_muxer *m = mp4_writer_create();
+    int fd = open(torn.path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    mp4_file_descriptor(m, fd);
+    mp4_set_moov_mode(m, 8192, 9000);
+    addTracks(m);
+    Streams s;
+    for (size_t i = 0; i < 400; i++)
+        s.step(m, i);
+    ASSERT_EQ(m->moov_full, 1u); // the updates stopped with too little room left
+    moov_region_write_hook = TornWrites::hook;
+    mp4_write_movie(m);
+    moov_region_write_hook = nullptr;
+    mp4_delete(m);
+    close(fd);
+    EXPECT_GE(torn.writes, 2u); // the padding header, then its payload
+    EXPECT_GT(torn.cuts, 0u);
+    EXPECT_EQ(torn.bad, 0u) << "first: " << torn.first_bad;
+    Bytes f = test_util::readFile(torn.path);
+    EXPECT_EQ(test_util::topLevel(f),
+              (std::vector<std::string>{"ftyp", "free", "free", "mdat", "moov"}));
+    EXPECT_EQ(playable(f), (std::vector<uint32_t>{400, uint32_t(s.audio)}));
+}
+
 TEST(MoovUpdates, AStreamWithoutADescriptorIsUpdatedThroughItsOwnWrites) {
     std::vector<char> buf(1 << 20);
     FILE *fp = fmemopen(buf.data(), buf.size(), "w+b");

@@ -395,30 +395,36 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
         m->error = MP4_ERR_NOMEM;
 
     uint64_t media_end = end;
-    bool at_start = false;
+    bool at_start = false, blank_region = false;
+    uint64_t region = 0;
     // A region exists only when the first sample reserved it (data_pos is set then).
     if (m->max_moov_size && m->moov->data_pos >= 8) {
         uint64_t here = muxer_pos(m);
-        muxer_seek(m, m->moov->data_pos - 8);
+        region = m->moov->data_pos - 8;
+        muxer_seek(m, region);
         printf("max_moov_size=%u moov_interval=%u moov->size=%lu\n", m->max_moov_size,
                m->moov_interval, (unsigned long)m->moov->size);
         // The movie may have grown past the region since the last update, or had none.
         if (!m->moov_full && write_moov_in_region(m)) {
             at_start = true;
-            muxer_seek(m, m->moov->data_pos - 8 + m->max_moov_size);
+            muxer_seek(m, region + m->max_moov_size);
         } else {
-            // The movie outgrew its room: blank the room, the movie goes to the end.
-            DataBox pad{};
-            pad.type = (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");
-            pad.size = m->max_moov_size;
-            rwBox(m, &pad);
+            // The movie outgrew its room: it goes to the end, and the room is blanked.
             muxer_seek(m, here);
             m->moov->node_flags |= BOX_AUTO_SIZE;
+            blank_region = true;
         }
     }
     if (!at_start)
         rwBox(m, m->moov);
     uint64_t after = muxer_pos(m);
+    if (blank_region) {
+        // Only once the movie is at the end: until then the last movie written into the region
+        // is the file's movie, so a recording cut off here still plays.
+        flush_output(m);
+        blank_moov_region(m, region);
+        muxer_seek(m, after);
+    }
     if (m->max_file_size && after > m->max_file_size)
         printf("max file size exceeded %lx > %lx\n", (unsigned long)after,
                (unsigned long)m->max_file_size);

@@ -305,6 +305,21 @@ bool write_moov_in_region(mp4_muxer *m) {
     return true;
 }
 
+void blank_moov_region(mp4_muxer *m, uint64_t at) {
+    // The header first: a write cut short leaves a padding box over what remains of the movie.
+    uint8_t header[8];
+    put_be32(header, m->max_moov_size);
+    put_be32(header + 4, padding_type(m));
+    write_region(m, at, header, 8);
+    static const uint8_t zeros[65536] = {};
+    for (uint64_t done = 8; done < m->max_moov_size;) {
+        const uint64_t n =
+            m->max_moov_size - done < sizeof zeros ? m->max_moov_size - done : sizeof zeros;
+        write_region(m, at + done, zeros, uint32_t(n));
+        done += n;
+    }
+}
+
 void update_moov_atom(mp4_muxer *m, uint32_t duration) {
     if (duration < m->moov_countdown) {
         m->moov_countdown -= duration;
