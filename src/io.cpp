@@ -162,14 +162,21 @@ extern "C" void mp4_debug(mp4_muxer *m, int on) {
         r->flags &= uint8_t(~MP4_DEBUG);
 }
 
+// Bytes read ahead belong to the input they came from.
+static void forget_read_ahead(mp4_muxer *m) { m->read_window_len = 0; }
+
 extern "C" void mp4_file_descriptor(mp4_muxer *m, int fd) {
-    if (m)
-        receiver(m)->fd = fd;
+    if (!m)
+        return;
+    receiver(m)->fd = fd;
+    forget_read_ahead(receiver(m));
 }
 
 extern "C" void mp4_file_pointer(mp4_muxer *m, FILE *stream) {
-    if (m)
-        receiver(m)->fp = stream;
+    if (!m)
+        return;
+    receiver(m)->fp = stream;
+    forget_read_ahead(receiver(m));
 }
 
 extern "C" void mp4_file2_pointer(mp4_muxer *m, FILE *stream) {
@@ -188,6 +195,7 @@ extern "C" void mp4_file_name_ascii(mp4_muxer *m, const char *path) {
     }
     if (r->own_file && r->fp)
         fclose(r->fp); // a second open replaces the first; the library owns both
+    forget_read_ahead(r);
     std::free(r->file_buffer);
     r->file_buffer = nullptr;
     if (!is_reader(r)) {

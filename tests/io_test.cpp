@@ -694,6 +694,49 @@ TEST(ReadTmp, ReadsElsewhereAndRestoresThePosition) {
     mp4_buf_get(m.get());
 }
 
+TEST(ReadTmp, BytesReadAheadFromAFileFollowItsChangesAndTheNextInput) {
+    // Reads from a file go through a window read ahead; it must not outlive its input.
+    TempFile a("AAAAAAAAAAAAAAAA"), b("bbbbbbbbbbbbbbbbbbbb");
+    for (const char *how : {"name", "descriptor", "stream"}) {
+        SCOPED_TRACE(how);
+        Handle r(mp4_reader_create());
+        uint32_t got = 0;
+        auto read = [&](uint64_t at, uint32_t n) {
+            uint8_t *block = read_tmp(r.get(), at, n, &got);
+            std::string s = block ? bytes(block, got) : "?";
+            mp4_free(block);
+            return s;
+        };
+        int fd_a = open(a.path.c_str(), O_RDONLY), fd_b = open(b.path.c_str(), O_RDONLY);
+        FILE *fp_a = fdopen(fd_a, "rb"), *fp_b = fdopen(fd_b, "rb");
+        auto attach = [&](const TempFile &f, int fd, FILE *fp) {
+            if (how[0] == 'n')
+                mp4_file_name_ascii(r.get(), f.path.c_str());
+            else if (how[0] == 'd')
+                mp4_file_descriptor(r.get(), fd);
+            else
+                mp4_file_pointer(r.get(), fp);
+        };
+        attach(a, fd_a, fp_a);
+        EXPECT_EQ(read(2, 4), "AAAA");
+        EXPECT_EQ(read(14, 4), "AA"); // what the file holds
+        attach(b, fd_b, fp_b);
+        EXPECT_EQ(read(2, 4), "bbbb");
+        EXPECT_EQ(read(14, 4), "bbbb");
+        EXPECT_EQ(read(18, 4), "bb");
+        // A file that grew since the window was read.
+        FILE *grow = fopen(b.path.c_str(), "ab");
+        fputs("CCCC", grow);
+        fclose(grow);
+        EXPECT_EQ(read(18, 4), "bbCC");
+        EXPECT_EQ(r->error, 0);
+        r.reset();
+        fclose(fp_a);
+        fclose(fp_b);
+        EXPECT_EQ(truncate(b.path.c_str(), 20), 0);
+    }
+}
+
 // ---- descriptor back-end -------------------------------------------------------------------
 
 TEST(DescriptorBackEnd, WritesSeeksAndReadsARealFile) {
