@@ -721,6 +721,7 @@ TEST(ReadTmp, BytesReadAheadFromAFileFollowItsChangesAndTheNextInput) {
         EXPECT_EQ(read(2, 4), "AAAA");
         EXPECT_EQ(read(14, 4), "AA"); // what the file holds
         attach(b, fd_b, fp_b);
+        EXPECT_EQ(read(14, 2), "bb"); // where the window over the first file stood
         EXPECT_EQ(read(2, 4), "bbbb");
         EXPECT_EQ(read(14, 4), "bbbb");
         EXPECT_EQ(read(18, 4), "bb");
