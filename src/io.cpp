@@ -162,8 +162,14 @@ extern "C" void mp4_debug(mp4_muxer *m, int on) {
         r->flags &= uint8_t(~MP4_DEBUG);
 }
 
-// Bytes read ahead belong to the input they came from.
-static void forget_read_ahead(mp4_muxer *m) { m->read_window_len = 0; }
+// Bytes read ahead belong to the input they came from, and so does the decision to read ahead
+// at all (a regular file, and how large): the next input is judged afresh.
+static void forget_read_ahead(mp4_muxer *m) {
+    mp4_free(m->read_window);
+    m->read_window = nullptr;
+    m->read_window_capacity = 0;
+    m->read_window_len = 0;
+}
 
 extern "C" void mp4_file_descriptor(mp4_muxer *m, int fd) {
     if (!m)
@@ -175,8 +181,18 @@ extern "C" void mp4_file_descriptor(mp4_muxer *m, int fd) {
 extern "C" void mp4_file_pointer(mp4_muxer *m, FILE *stream) {
     if (!m)
         return;
-    receiver(m)->fp = stream;
-    forget_read_ahead(receiver(m));
+    mp4_muxer *r = receiver(m);
+    if (r->own_file && r->fp && r->fp != stream) {
+        // A stream the library opened by name, replaced: it is closed here, and the caller's
+        // stream, never closed by the library, takes its place.
+        fclose(r->fp);
+        std::free(r->file_buffer);
+        r->file_buffer = nullptr;
+    }
+    if (r->fp != stream)
+        r->own_file = 0;
+    r->fp = stream;
+    forget_read_ahead(r);
 }
 
 extern "C" void mp4_file2_pointer(mp4_muxer *m, FILE *stream) {
@@ -576,18 +592,21 @@ static int input_descriptor(const mp4_muxer *m) {
     return m->fp ? fileno(m->fp) : -1;
 }
 
-// Reads up to n bytes at `at` without moving the descriptor or the stream; the bytes read.
-static uint32_t pread_some(int fd, uint8_t *dst, uint32_t n, uint64_t at) {
-    uint32_t got = 0;
-    while (got < n) {
-        ssize_t r = pread64(fd, dst + got, n - got, off64_t(at + got));
+// Reads up to n bytes at `at` without moving the descriptor or the stream, the count in *got;
+// false when the descriptor fails before the first byte (end of file is not a failure).
+static bool pread_some(int fd, uint8_t *dst, uint32_t n, uint64_t at, uint32_t *got) {
+    *got = 0;
+    while (*got < n) {
+        ssize_t r = pread64(fd, dst + *got, n - *got, off64_t(at + *got));
         if (r < 0 && errno == EINTR)
             continue;
+        if (r < 0 && *got == 0)
+            return false;
         if (r <= 0)
             break;
-        got += uint32_t(r);
+        *got += uint32_t(r);
     }
-    return got;
+    return true;
 }
 
 enum : uint32_t { READ_WINDOW = 256 << 10, WINDOWED_READ = 64 << 10 };
@@ -595,7 +614,9 @@ enum : uint32_t { READ_WINDOW = 256 << 10, WINDOWED_READ = 64 << 10 };
 // Samples are read from a file mostly in order and a few KiB at a time: they come from a window
 // read ahead with pread, which leaves the stream's position and buffer alone, instead of a seek
 // there, a read and a seek back for each. False when the window cannot serve (no descriptor, a
-// large read, or no memory for the window); nothing was read then.
+// large read, no memory for the window, or a descriptor that cannot be read at an offset);
+// nothing was read then. The input is taken to stay as it is while it is read (bytes held in
+// the window are not read again), as for any buffered reader.
 static bool read_from_window(mp4_muxer *m, uint64_t position, uint32_t n, uint8_t **block,
                              uint32_t *got) {
     const int fd = input_descriptor(m);
@@ -627,7 +648,11 @@ static bool read_from_window(mp4_muxer *m, uint64_t position, uint32_t n, uint8_
     if (held() < n) {
         // Also when the window ended short of the range: the file may have grown since.
         m->read_window_start = position;
-        m->read_window_len = pread_some(fd, m->read_window, m->read_window_capacity, position);
+        if (!pread_some(fd, m->read_window, m->read_window_capacity, position,
+                        &m->read_window_len)) {
+            m->read_window_len = 0;
+            return false; // the ordinary path reads it, and reports what goes wrong
+        }
     }
     const uint32_t available = held();
     const uint32_t have = available < n ? available : n;

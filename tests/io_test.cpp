@@ -377,18 +377,23 @@ TEST(HandleDelete, NeverClosesCallerDescriptorOrStreams) {
     FILE *s2 = fopen(f2.path.c_str(), "rb");
     ASSERT_GE(fd, 0);
     ASSERT_TRUE(s1 && s2);
-    mp4_muxer *m = mp4_reader_create();
-    mp4_file_descriptor(m, fd);
-    mp4_file_pointer(m, s1);
-    mp4_file2_pointer(m, s2);
-    int fd1 = fileno(s1), fd2 = fileno(s2);
-    mp4_delete(m);
-    EXPECT_TRUE(fd_is_open(fd));
-    EXPECT_TRUE(fd_is_open(fd1));
-    EXPECT_TRUE(fd_is_open(fd2));
+    for (bool named_first : {false, true}) {
+        SCOPED_TRACE(named_first ? "stream attached over a file opened by name" : "plain");
+        mp4_muxer *m = mp4_reader_create();
+        if (named_first) // the library's own stream, replaced by the caller's
+            mp4_file_name_ascii(m, f2.path.c_str());
+        mp4_file_descriptor(m, fd);
+        mp4_file_pointer(m, s1);
+        mp4_file2_pointer(m, s2);
+        int fd1 = fileno(s1), fd2 = fileno(s2);
+        mp4_delete(m);
+        EXPECT_TRUE(fd_is_open(fd));
+        EXPECT_TRUE(fd_is_open(fd1));
+        EXPECT_TRUE(fd_is_open(fd2));
+    }
     close(fd);
-    fclose(s1);
-    fclose(s2);
+    EXPECT_EQ(fclose(s1), 0);
+    EXPECT_EQ(fclose(s2), 0);
 }
 
 // ---- memory back-end: writer ---------------------------------------------------------------
@@ -735,6 +740,49 @@ TEST(ReadTmp, BytesReadAheadFromAFileFollowItsChangesAndTheNextInput) {
         fclose(fp_a);
         fclose(fp_b);
         EXPECT_EQ(truncate(b.path.c_str(), 20), 0);
+    }
+}
+
+TEST(ReadTmp, AnInputAttachedAfterAFileIsReadAsOnAFreshHandle) {
+    // Whether to read ahead is decided per input: a pipe attached after a file cannot be read at
+    // an offset, and must then get the ordinary path's result, not an empty block.
+    TempFile a("AAAAAAAAAAAAAAAA");
+    for (bool stream : {false, true}) {
+        SCOPED_TRACE(stream ? "stream" : "descriptor");
+        struct Outcome {
+            std::string bytes;
+            int error;
+        };
+        auto readPipe = [&](mp4_muxer *m) {
+            int p[2];
+            EXPECT_EQ(pipe(p), 0);
+            EXPECT_EQ(write(p[1], "PPPPPPPPPPPPPPPP", 16), 16);
+            close(p[1]);
+            FILE *fp = stream ? fdopen(p[0], "rb") : nullptr;
+            if (stream)
+                mp4_file_pointer(m, fp);
+            else
+                mp4_file_descriptor(m, p[0]);
+            uint32_t got = 0;
+            uint8_t *block = read_tmp(m, 0, 8, &got);
+            Outcome o{block ? bytes(block, got) : "?", m->error};
+            mp4_free(block);
+            stream ? fclose(fp) : close(p[0]);
+            return o;
+        };
+        Handle fresh(mp4_reader_create());
+        Outcome expected = readPipe(fresh.get());
+
+        Handle r(mp4_reader_create());
+        mp4_file_name_ascii(r.get(), a.path.c_str());
+        uint32_t got = 0;
+        uint8_t *block = read_tmp(r.get(), 0, 4, &got);
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(bytes(block, got), "AAAA");
+        mp4_free(block);
+        Outcome after = readPipe(r.get());
+        EXPECT_EQ(after.bytes, expected.bytes);
+        EXPECT_EQ(after.error, expected.error);
     }
 }
 

@@ -186,8 +186,8 @@ uint32_t mp4_get_samplerate(mp4_muxer *m, uint32_t track_ID);
 /* Fragmented to plain: a reader fed with mp4_buf_put whose linked writer makes the file.
  * Returns NULL when memory runs out. */
 mp4_muxer *mp4_remuxer_create(void);
-/* Plain to fragmented: a writer to memory buffers whose linked reader reads the file.
- * Returns NULL when memory runs out. */
+/* Plain to fragmented: a writer to memory buffers whose linked reader reads the file (which
+ * must not be rewritten meanwhile: samples are read ahead). Returns NULL when memory runs out. */
 mp4_muxer *mp4_refrag_create(void);
 /* One pass of the remuxer (direction chosen by which half is the reader). Errors of either
  * half: 1, 2, 3, 5, 6, 7, 8. */
