@@ -455,6 +455,7 @@ void write_n(mp4_muxer *m, const void *src, int32_t n) {
         if (!write_fd(m->fd, src, n)) {
             perror("write");
             m->error = MP4_ERR_WRITE;
+            m->write_failures++;
             off64_t here = lseek64(m->fd, 0, SEEK_CUR);
             if (here >= 0)
                 m->pos = uint64_t(here);
@@ -471,6 +472,7 @@ void write_n(mp4_muxer *m, const void *src, int32_t n) {
             perror("fwrite");
             printf("%s: n=%d pos=%lu %ld\n", "write_n", n, (unsigned long)m->pos, ftell(m->fp));
             m->error = MP4_ERR_WRITE;
+            m->write_failures++;
             off64_t here = ftello64(m->fp);
             if (here >= 0)
                 m->pos = uint64_t(here);
@@ -507,11 +509,17 @@ void write_n(mp4_muxer *m, const void *src, int32_t n) {
         m->max_pos = m->pos;
 }
 
-void flush_output(mp4_muxer *m) {
-    if (m->fp)
-        fflush(m->fp);
-    if (m->fp2)
-        fflush(m->fp2);
+bool flush_output(mp4_muxer *m) {
+    bool ok = !m->fp || fflush(m->fp) == 0;
+    if (m->fp2 && fflush(m->fp2) != 0)
+        ok = false;
+    if (!ok) {
+        // Bytes the stream held never reached the file: as much a failed write as fwrite's.
+        perror("fflush");
+        m->error = MP4_ERR_WRITE;
+        m->write_failures++;
+    }
+    return ok;
 }
 
 uint64_t muxer_pos(mp4_muxer *m) {
@@ -546,15 +554,19 @@ void muxer_seek(mp4_muxer *m, uint64_t target) {
     }
     if (m->fp) {
         m->pos = target;
+        // A writer's stream flushes what it holds before it moves: that may be what failed.
+        const uint32_t failed = is_reader(m) ? 0 : 1;
         if (fseeko64(m->fp, off64_t(target), SEEK_SET) < 0) {
             perror("fseeko");
             printf("off=%lu\n", (unsigned long)target);
             m->error = MP4_ERR_SEEK;
+            m->write_failures += failed;
         }
         if (m->fp2 && fseeko64(m->fp2, off64_t(target), SEEK_SET) < 0) {
             perror("fseeko 2");
             printf("off=%lu\n", (unsigned long)target);
             m->error = MP4_ERR_SEEK;
+            m->write_failures += failed;
         }
         return;
     }

@@ -112,6 +112,9 @@ struct mp4_muxer {
     uint8_t *file_buffer; // stdio buffer of a file the writer opened itself, freed after it
     uint8_t flags;
     uint8_t error;
+    // Writes that failed, whatever the error code already was: tells whether a given write
+    // reached the output when the code was set before it.
+    uint32_t write_failures;
     uint8_t depth;
     uint64_t pos;
     uint64_t buffer_start;
@@ -227,7 +230,8 @@ void muxer_seek(mp4_muxer *m, uint64_t position);
 // receives how many the input held. The stream position and end_of_input are left as they
 // were. Null with error 2 when the block cannot be allocated.
 uint8_t *read_tmp(mp4_muxer *m, uint64_t position, uint32_t n, uint32_t *got);
-void flush_output(mp4_muxer *m); // fflush of the stdio streams, if any
+// fflush of the stdio streams, if any; false (and error 8) if one failed.
+bool flush_output(mp4_muxer *m);
 
 // Reports one sample to the caller's callbacks (plain, then extended).
 void report_sample(mp4_muxer *m, uint32_t track_id, uint64_t offset, uint64_t timestamp,

@@ -125,4 +125,60 @@ TEST(LargeFile, RecordingPast4GiBUsesCo64AndA64BitMdatHeader) {
     unlink(path.c_str());
 }
 
+TEST(LargeFile, AMovieKeptAtTheStartFollowsTheMediaPast4GiB) {
+    // Each update writes the media size first: past 4 GiB that is the 64-bit header, which the
+    // finish must then take into account.
+    SKIP_WITHOUT_FFPROBE();
+    test_util::TempDir dir;
+    struct statvfs vfs;
+    ASSERT_EQ(statvfs(dir.path().c_str(), &vfs), 0);
+    if (uint64_t(vfs.f_bavail) * vfs.f_frsize < (5ull << 30))
+        GTEST_SKIP() << "needs 5 GiB free in " << dir.path();
+
+    const Bytes h264 = test_util::readFile(test_util::dataPath("sample.h264"));
+    const auto units = test_util::splitAtDelimiters(h264);
+    const uint32_t frames_per_block = 262144;
+    const Bytes block(frames_per_block * 4, 0x11);
+    const uint32_t video_ticks = uint32_t(uint64_t(frames_per_block) * 90000 / 48000);
+    const std::string path = dir.file("large_at_start.mp4");
+    mp4_muxer *m = mp4_writer_create();
+    mp4_file_name_ascii(m, path.c_str());
+    mp4_set_moov_mode(m, 1 << 20, 90000); // an update at every picture
+    mp4_video_track_create(m, fourcc("avc1"), 90000, video_ticks, 0, 128, 96, 66, 11);
+    mp4_audio_track_create(m, fourcc("sowt"), 48000, 1024, 0, 48000, 2);
+    uint32_t blocks = 0;
+    while (m->pos < (4ull << 30) + (16ull << 20)) {
+        const auto &u = units[blocks % units.size()];
+        mp4_write_track(m, 1, h264.data() + u.first, uint32_t(u.second), video_ticks);
+        mp4_write_track(m, 2, block.data(), uint32_t(block.size()), frames_per_block);
+        blocks++;
+        ASSERT_EQ(mp4_get_error_code(m), 0u) << "at block " << blocks;
+    }
+    EXPECT_EQ(m->moov_full, 0u);
+    mp4_write_movie(m);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+
+    // ftyp, the movie in its region, then the media with a 64-bit header to the end of the file.
+    Bytes head = readAt(path, 0, 32);
+    ASSERT_EQ(head.size(), 32u);
+    EXPECT_EQ(std::string(head.begin() + 28, head.begin() + 32), "moov");
+    EXPECT_EQ(be32(&head[24]), 1u << 20);
+    Bytes mdat = readAt(path, 24 + (1 << 20), 16);
+    ASSERT_EQ(mdat.size(), 16u);
+    EXPECT_EQ(be32(&mdat[0]), 1u);
+    EXPECT_EQ(std::string(mdat.begin() + 4, mdat.begin() + 8), "mdat");
+    EXPECT_EQ(24 + (1 << 20) + be64(&mdat[8]), test_util::fileSize(path));
+    std::string out;
+    ASSERT_EQ(
+        test_util::run("ffprobe -v error -show_entries stream=codec_name,nb_frames -of csv=p=0 " +
+                           test_util::quote(path),
+                       &out),
+        0)
+        << out;
+    EXPECT_EQ(out, "h264," + std::to_string(blocks) + "\npcm_s16le," +
+                       std::to_string(uint64_t(blocks) * frames_per_block) + "\n");
+    unlink(path.c_str());
+}
+
 } // namespace

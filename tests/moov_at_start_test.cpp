@@ -7,11 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <fstream>
 #include <set>
 #include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -521,6 +524,115 @@ TEST(MoovFinish, AKillWhileAnOutgrownRegionIsBlankedLeavesAMovie) {
     EXPECT_EQ(test_util::topLevel(f),
               (std::vector<std::string>{"ftyp", "free", "free", "mdat", "moov"}));
     EXPECT_EQ(playable(f), (std::vector<uint32_t>{400, uint32_t(s.audio)}));
+}
+
+// ---- a disk that fills up -----------------------------------------------------------------------
+
+// Records into a file in a child process whose file size limit stands for a full disk: `before`
+// runs first (no limit yet), then the limit of `limit(m)` bytes is set and `after` runs. The
+// child exits with the handle's error code.
+template <typename Before, typename Limit, typename After>
+int recordUntilTheDiskIsFull(const std::string &path, bool stdio, Before before, Limit limit,
+                             After after) {
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        signal(SIGXFSZ, SIG_IGN); // a write past the limit fails with EFBIG instead
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        mp4_muxer *m = mp4_writer_create();
+        if (stdio)
+            mp4_file_pointer(m, fdopen(fd, "w+b"));
+        else
+            mp4_file_descriptor(m, fd);
+        before(m);
+        const rlim_t bytes = limit(m);
+        struct rlimit rl = {bytes, bytes};
+        setrlimit(RLIMIT_FSIZE, &rl);
+        after(m);
+        _exit(int(mp4_get_error_code(m))); // no clean-up: a recorder that dies here
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(MoovFailures, AfterAFailedWriteNoUpdateListsBytesTheFileLacks) {
+    // The disk fills up mid-recording and the recorder carries on for a while (a live source
+    // does not stop), then dies, or finishes. The movie at the start must still describe only
+    // bytes on file: updates stop at the first failed write.
+    for (bool stdio : {false, true}) {
+        for (bool finish : {false, true}) {
+            SCOPED_TRACE(std::string(stdio ? "stdio" : "descriptor") +
+                         (finish ? ", finished" : ", killed"));
+            test_util::TempDir dir;
+            const std::string path = dir.file("full.mp4");
+            Streams s;
+            int code = recordUntilTheDiskIsFull(
+                path, stdio,
+                [](mp4_muxer *m) {
+                    mp4_set_moov_mode(m, 65536, 9000); // an update every third frame
+                    addTracks(m);
+                },
+                [](mp4_muxer *) { return rlim_t(65536 + 60000); },
+                [&](mp4_muxer *m) {
+                    int failed_at = -1;
+                    for (int i = 0; i < 2000; i++) {
+                        s.step(m, size_t(i));
+                        if (failed_at < 0 && mp4_get_error_code(m))
+                            failed_at = i;
+                        if (failed_at >= 0 && i >= failed_at + 30)
+                            break;
+                    }
+                    if (finish)
+                        mp4_write_movie(m);
+                });
+            EXPECT_NE(code, 0); // the failure was reported
+            Bytes f = test_util::readFile(path);
+            ASSERT_LE(f.size(), 65536u + 60000u);
+            const std::vector<uint32_t> listed = playable(f);
+            ASSERT_EQ(listed.size(), 2u) << "the file's movie lists bytes it does not hold";
+            EXPECT_GT(listed[0], 20u);
+            test_util::BoxRef mdat = test_util::findBox(f, "mdat");
+            ASSERT_TRUE(mdat.found);
+            EXPECT_LE(mdat.end(), f.size());
+            if (test_util::haveProgram("ffmpeg")) {
+                EXPECT_EQ(test_util::decodeErrors(path), "");
+            }
+        }
+    }
+}
+
+TEST(MoovFailures, AFinishThatCannotAppendTheMovieKeepsTheRegionsMovie) {
+    // The movie outgrew its region, so the finish puts it at the end, but the disk is full:
+    // the region must not be blanked, and no broken box may be left after the media.
+    for (bool stdio : {false, true}) {
+        SCOPED_TRACE(stdio ? "stdio" : "descriptor");
+        test_util::TempDir dir;
+        const std::string path = dir.file("outgrown.mp4");
+        Streams s;
+        size_t frames = 0; // in the child
+        int code = recordUntilTheDiskIsFull(
+            path, stdio,
+            [&](mp4_muxer *m) {
+                mp4_set_moov_mode(m, 8192, 9000);
+                addTracks(m);
+                while (!m->moov_full && frames < 2000)
+                    s.step(m, frames++);
+                for (size_t i = 0; i < 10; i++) // some more after the last update
+                    s.step(m, frames++);
+                flush_output(m);
+            },
+            [](mp4_muxer *m) { return rlim_t(m->pos + 100); },
+            [](mp4_muxer *m) { mp4_write_movie(m); });
+        // A stream meets the full disk as it flushes, which may be inside a seek (code 1).
+        EXPECT_TRUE(code == int(MP4_ERR_WRITE) || (stdio && code == int(MP4_ERR_SEEK))) << code;
+        Bytes f = test_util::readFile(path);
+        EXPECT_EQ(test_util::topLevel(f),
+                  (std::vector<std::string>{"ftyp", "moov", "free", "mdat"}));
+        const std::vector<uint32_t> listed = playable(f);
+        ASSERT_EQ(listed.size(), 2u);
+        EXPECT_GT(listed[0], 0u);
+    }
 }
 
 TEST(MoovUpdates, AStreamWithoutADescriptorIsUpdatedThroughItsOwnWrites) {

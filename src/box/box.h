@@ -20,6 +20,7 @@ enum : uint8_t {
     BOX_AUTO_SIZE = 0x04,   // built in memory: size is measured when written
     BOX_HEADER_ONLY = 0x08, // holds only the header until extended
     BOX_ON_STACK = 0x10,    // lives in the codec's temporary storage
+    BOX_LARGE = 0x20,       // written with a 64-bit size: 16 header bytes before data_pos
 };
 
 struct Box {

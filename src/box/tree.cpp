@@ -343,18 +343,22 @@ void updateBoxSize(mp4_muxer *m, Box *box) {
     }
     uint32_t pad = (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");
     if (hsize == 8 && htype == pad) {
-        // The placeholder in front and the old compact header become one 64-bit header.
+        // The placeholder in front and the old compact header become one 64-bit header, in one
+        // write: two would leave, between them, a large-size marker in front of the old header,
+        // read as a size of some 2^60 bytes.
         box->size += 8;
+        uint8_t header[16] = {0, 0, 0, 1};
+        for (int i = 0; i < 4; i++)
+            header[4 + i] = uint8_t(box->type >> (24 - 8 * i));
+        for (int i = 0; i < 8; i++)
+            header[8 + i] = uint8_t(box->size >> (56 - 8 * i));
         muxer_seek(m, box->data_pos - 16);
-        uint32_t one = 1;
-        rw32(m, &one);
-        rw32(m, &box->type);
-        hsize = 1;
-        htype = box->type;
-    }
-    if (hsize == 1 && htype == box->type) {
+        write_n(m, header, sizeof header);
+        box->node_flags |= BOX_LARGE;
+    } else if (hsize == 1 && htype == box->type) {
         muxer_seek(m, box->data_pos - 8);
         rw64(m, &box->size);
+        box->node_flags |= BOX_LARGE;
     } else {
         fprintf(stderr, "%s: 64-bit failed  (size=%d type=%c%c%c%c)\n", "updateBoxSize", int(hsize),
                 char(htype >> 24), char(htype >> 16), char(htype >> 8), char(htype));

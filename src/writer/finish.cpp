@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <sys/stat.h>
 #include <unistd.h>
 #if defined(__GLIBC__) || defined(__linux__)
@@ -156,6 +157,21 @@ uint64_t streamEnd(FILE *f) {
     if (fstat(fileno(f), &st) == 0 && (end < 0 || st.st_size < end))
         end = st.st_size;
     return end > 0 ? uint64_t(end) : 0;
+}
+
+// Cuts the output back to `length` bytes, dropping what its streams still buffer.
+static void truncateOutput(mp4_muxer *m, uint64_t length) {
+    for (FILE *f : {m->fp, m->fp2}) {
+        if (!f)
+            continue;
+#ifdef MP4KIT_HAVE_FPURGE
+        __fpurge(f);
+#endif
+        if (fileno(f) >= 0 && ftruncate64(fileno(f), off64_t(length)) < 0)
+            perror("ftruncate");
+    }
+    if (m->fd != -1 && ftruncate64(m->fd, off64_t(length)) < 0)
+        perror("ftruncate");
 }
 
 // The stts of a track moved from timescale `from` to `to`, sample by sample, with the rounding
@@ -351,6 +367,8 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
             write_interleaved_track(m, id);
 
     Box *mdat = m->mdat;
+    // Its header is 16 bytes once an update of the movie at the start has made it 64-bit.
+    const uint64_t header = (mdat->node_flags & BOX_LARGE) ? 16 : 8;
     uint64_t end = muxer_pos(m);
     const bool recovering = m->fp && m->error == MP4_ERR_WRITE;
     if (recovering) {
@@ -368,7 +386,7 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
         printf("mdat_size=%lu moov_size=%lu pos=%lu fpos=%lu\n", (unsigned long)mdat->size,
                (unsigned long)need, (unsigned long)m->pos, (unsigned long)end);
         end -= need;
-        mdat->size = end - mdat->data_pos + 8;
+        mdat->size = end - mdat->data_pos + header;
         // The samples whose bytes lie past the new end are gone.
         for (Box *trak = getChild(m->moov, fourcc("trak")); trak; trak = trak->next)
             if (trak->type == fourcc("trak"))
@@ -380,7 +398,7 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
         if (m->fp2 && fseeko64(m->fp2, off64_t(end), SEEK_SET) < 0)
             perror("fseeko 2");
     }
-    if (end != mdat->data_pos + mdat->size - 8) {
+    if (end != mdat->data_pos + mdat->size - header) {
         printf("inconsistent mdat size\n");
         printf("mdat_offset=%lu mdat_size=%lu pos=%lu\n", (unsigned long)mdat->data_pos,
                (unsigned long)mdat->size, (unsigned long)end);
@@ -395,6 +413,7 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
         m->error = MP4_ERR_NOMEM;
 
     uint64_t media_end = end;
+    const uint32_t failures_before = m->write_failures;
     bool at_start = false, blank_region = false;
     uint64_t region = 0;
     // A region exists only when the first sample reserved it (data_pos is set then).
@@ -418,18 +437,27 @@ extern "C" void mp4_write_movie(mp4_muxer *m) {
     if (!at_start)
         rwBox(m, m->moov);
     uint64_t after = muxer_pos(m);
-    if (blank_region) {
+    // Whether the movie reached the file; a movie left in the region stays the file's movie
+    // until then.
+    const bool movie_written = flush_output(m) && m->write_failures == failures_before;
+    if (!movie_written && !m->error)
+        m->error = MP4_ERR_WRITE;
+    if (blank_region && movie_written) {
         // Only once the movie is at the end: until then the last movie written into the region
         // is the file's movie, so a recording cut off here still plays.
-        flush_output(m);
         blank_moov_region(m, region);
         muxer_seek(m, after);
+    } else if (blank_region) {
+        // The movie in the region stays the file's; what part of the new one got out would
+        // only be a broken box after the media.
+        truncateOutput(m, media_end);
+        return;
     }
     if (m->max_file_size && after > m->max_file_size)
         printf("max file size exceeded %lx > %lx\n", (unsigned long)after,
                (unsigned long)m->max_file_size);
     flush_output(m);
-    if (recovering) {
+    if (recovering && movie_written) {
         // Nothing after the last box written may stay in the file.
         uint64_t length = at_start ? media_end : after;
         if (ftruncate64(fileno(m->fp), off64_t(length)) < 0)

@@ -146,11 +146,12 @@ static void put_be32(uint8_t *p, uint32_t v) {
 void (*moov_region_write_hook)(const mp4_muxer *m, uint64_t at, const uint8_t *bytes,
                                uint32_t n) = nullptr;
 
-// Puts n bytes at `at` on the output in one write. A stdio stream would cut them into
-// buffer-sized writes, so its buffer is flushed and the bytes go to its descriptor directly,
-// which leaves the stream's own position alone.
-static void write_region(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint32_t n) {
-    flush_output(m);
+// Puts n bytes at `at` on the output in one write; true when they reached it. A stdio stream
+// would cut them into buffer-sized writes, so its buffer is flushed and the bytes go to its
+// descriptor directly, which leaves the stream's own position alone.
+static bool write_region(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint32_t n) {
+    if (!flush_output(m))
+        return false;
     if (moov_region_write_hook)
         moov_region_write_hook(m, at, bytes, n);
     if (m->fp && fileno(m->fp) >= 0 && (!m->fp2 || fileno(m->fp2) >= 0)) {
@@ -170,11 +171,13 @@ static void write_region(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint32
             }
         }
         if (done)
-            return;
+            return true;
         // Whatever went wrong is met and reported again by the stream's own write.
     }
+    const uint32_t failures = m->write_failures;
     muxer_seek(m, at);
     write_n(m, bytes, int32_t(n));
+    return flush_output(m) && m->write_failures == failures;
 }
 
 // A kill can land inside a write, and the kernel then leaves it cut at a page boundary: a movie
@@ -230,52 +233,57 @@ static bool beside(const mp4_muxer *m, uint64_t size) {
 }
 
 // Puts the movie coded in `bytes` at the back of the region, behind the padding that holds the
-// old movie's children; then the padding is moved to the front over them.
-static void place_at_back(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint64_t size) {
+// old movie's children; then the padding is moved to the front over them. False when a write
+// failed: the old movie is then still the one in force, unless the switch itself failed.
+static bool place_at_back(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint64_t size) {
     const uint64_t padding = m->max_moov_size - size;
-    write_region(m, at + padding + 8, bytes + 8, uint32_t(size - 8));
+    if (!write_region(m, at + padding + 8, bytes + 8, uint32_t(size - 8)))
+        return false;
     uint8_t header[8];
     put_be32(header, uint32_t(padding));
     put_be32(header + 4, padding_type(m));
-    write_region(m, at + 8, header, 8);
+    if (!write_region(m, at + 8, header, 8))
+        return false;
     m->moov_at_back = 1;
     m->moov_coded = size;
+    return true;
 }
 
 // Puts the movie coded in `bytes` (`n` of them) at the front of the region, behind the padding
 // header that hides it from there on; then the first child's header replaces the padding's.
 // Without room beside the old movie it is written over it.
-static void place_at_front(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint64_t size,
+static bool place_at_front(mp4_muxer *m, uint64_t at, const uint8_t *bytes, uint64_t size,
                            uint64_t n) {
     if (beside(m, size) && m->moov_at_back) {
-        write_region(m, at + 16, bytes + 16, uint32_t(n - 16));
-        write_region(m, at + 8, bytes + 8, 8);
-    } else {
-        write_region(m, at, bytes, uint32_t(n));
+        if (!write_region(m, at + 16, bytes + 16, uint32_t(n - 16)) ||
+            !write_region(m, at + 8, bytes + 8, 8))
+            return false;
+    } else if (!write_region(m, at, bytes, uint32_t(n))) {
+        return false;
     }
     m->moov_at_back = 0;
     m->moov_coded = size;
+    return true;
 }
 
 // Writes the movie of `size` bytes into the reserved region at `at`. False when the movie cannot
-// be coded in memory; nothing has been written then.
+// be coded in memory (nothing has been written then) or a write failed (error 8).
 static bool write_movie_at_once(mp4_muxer *m, uint64_t at, uint64_t size) {
     const uint64_t n = size + (size < m->max_moov_size ? 8 : 0);
     uint8_t *bytes = code_movie(m, at, size, n);
     if (!bytes)
         return false;
-    if (beside(m, size) && !m->moov_at_back)
-        place_at_back(m, at, bytes, size);
-    else
-        place_at_front(m, at, bytes, size, n);
+    const bool placed = beside(m, size) && !m->moov_at_back ? place_at_back(m, at, bytes, size)
+                                                            : place_at_front(m, at, bytes, size, n);
     mp4_free(bytes);
-    return true;
+    return placed;
 }
 
 // The finished movie ends at the front whatever the updates left, with its padding zeroed: the
 // same bytes as a movie written there at once, and no earlier movie left inside the padding. A
 // movie at the front that has room beside it first moves to the back, so that every step leaves
-// a whole movie.
+// a whole movie. False when a write failed: the movie then goes to the end of the file, and the
+// region keeps the one in force until that is done.
 bool write_moov_in_region(mp4_muxer *m) {
     const uint64_t at = m->moov->data_pos - 8;
     const uint64_t size = coded_movie_size(m, at);
@@ -284,25 +292,30 @@ bool write_moov_in_region(mp4_muxer *m) {
     const uint64_t reserved = m->max_moov_size;
     uint8_t *bytes = code_movie(m, at, size, reserved);
     if (!bytes) {
+        // No memory for it (or a region beyond one write): coded straight over the region,
+        // which leaves the same bytes, though not in one write.
+        const uint32_t failures = m->write_failures;
         muxer_seek(m, at);
         rwBox(m, m->moov);
         m->moov_coded = size;
         m->moov_at_back = 0;
-        return true;
+        return m->write_failures == failures;
     }
+    bool placed = true;
     if (!m->moov_at_back && beside(m, size) && 2 * size <= reserved)
-        place_at_back(m, at, bytes, size);
-    if (beside(m, size) && m->moov_at_back) {
+        placed = place_at_back(m, at, bytes, size);
+    if (placed && beside(m, size) && m->moov_at_back) {
         // The old children at the back lie inside the padding once the switch is made: zeroed
-        // last.
+        // last (left as they are if that fails: the padding hides them).
         const uint64_t back = reserved - m->moov_coded + 8;
-        place_at_front(m, at, bytes, size, back);
-        write_region(m, at + back, bytes + back, uint32_t(reserved - back));
-    } else {
-        place_at_front(m, at, bytes, size, reserved);
+        placed = place_at_front(m, at, bytes, size, back);
+        if (placed)
+            write_region(m, at + back, bytes + back, uint32_t(reserved - back));
+    } else if (placed) {
+        placed = place_at_front(m, at, bytes, size, reserved);
     }
     mp4_free(bytes);
-    return true;
+    return placed;
 }
 
 void blank_moov_region(mp4_muxer *m, uint64_t at) {
@@ -326,8 +339,10 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration) {
         return;
     }
     // No region to update: the mode was never entered (the output already held bytes at the
-    // first sample) or has been given up.
-    if (!m->moov || m->max_moov_size == 0 || m->moov_full || m->moov->data_pos < 8) {
+    // first sample) or has been given up. Nor after a failed write or seek: the tables may then
+    // count bytes the file does not hold, and no movie may claim them; the last one stays.
+    if (!m->moov || m->max_moov_size == 0 || m->moov_full || m->moov->data_pos < 8 ||
+        m->write_failures || m->error == MP4_ERR_WRITE || m->error == MP4_ERR_SEEK) {
         m->moov_interval = 0;
         return;
     }
@@ -345,17 +360,18 @@ void update_moov_atom(mp4_muxer *m, uint32_t duration) {
     }
     uint64_t here = muxer_pos(m);
     // The samples and the media data size reach the file before the movie that counts them.
-    if (m->mdat)
+    const uint32_t failures = m->write_failures;
+    if (flush_output(m) && m->mdat)
         updateBoxSize(m, m->mdat);
-    flush_output(m);
-    if (!write_movie_at_once(m, at, size)) {
-        muxer_seek(m, at);
-        rwBox(m, m->moov);
-        m->moov_coded = size;
-        m->moov_at_back = 0;
-    }
+    // A movie that cannot be coded in memory is not written this time (written piece by piece
+    // over the last one, a kill would leave neither); the next update tries again.
+    if (m->write_failures == failures && m->error != MP4_ERR_SEEK && flush_output(m))
+        write_movie_at_once(m, at, size);
     muxer_seek(m, here);
-    flush_output(m);
+    if (m->write_failures != failures || m->error == MP4_ERR_SEEK) {
+        m->moov_interval = 0; // the movie last written in full stays the file's movie
+        return;
+    }
 
     if ((uint64_t(m->max_moov_size) - size) * 10 < m->moov_interval) {
         // Too little room left for the next updates: stop here, the finish moves the movie.
