@@ -1,5 +1,6 @@
 // Codec parameter data: capture of H.264 SPS/PPS and MPEG-4 Visual headers from encoder output,
 // their way into avcC / esds, and their way back out of a loaded movie.
+#include "byte_builder.h"
 #include "internal.h"
 #include "test_util.h"
 
@@ -10,17 +11,10 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-const Bytes SC4 = {0, 0, 0, 1};
-const Bytes SC3 = {0, 0, 1};
+using test_util::Bytes;
+using test_util::cat;
+using test_util::SC3;
+using test_util::SC4;
 
 // An SPS NAL unit: header 0x67, profile 66, constraints, level 30, then filler up to `size`.
 Bytes sps(size_t size, uint8_t fill = 0xAA) {

@@ -3,6 +3,8 @@
 // decoder specific info, one descriptor of each kind). Byte vectors are written out by hand.
 #include "box/box.h"
 #include "box/layouts.h"
+#include "byte_builder.h"
+#include "tree_compare.h"
 
 #include <gtest/gtest.h>
 
@@ -12,33 +14,9 @@
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
+using namespace test_util;
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-void put8(Bytes &b, uint32_t v) {
-    b.push_back(uint8_t(v));
-}
-void put16(Bytes &b, uint32_t v) {
-    put8(b, v >> 8);
-    put8(b, v);
-}
-void put32(Bytes &b, uint32_t v) {
-    put16(b, v >> 16);
-    put16(b, v);
-}
-void append(Bytes &b, const Bytes &more) {
-    b.insert(b.end(), more.begin(), more.end());
-}
-
-Bytes box(const char (&type)[5], const Bytes &payload) {
-    Bytes b;
-    put32(b, uint32_t(8 + payload.size()));
-    b.insert(b.end(), type, type + 4);
-    append(b, payload);
-    return b;
-}
 
 Bytes fullBox0(const char (&type)[5], const Bytes &payload) {
     Bytes p = {0, 0, 0, 0};
@@ -53,19 +31,7 @@ Bytes desc(uint8_t tag, const Bytes &body) {
     return d;
 }
 
-struct Reader {
-    Bytes bytes;
-    mp4_muxer *m;
-    explicit Reader(Bytes b) : bytes(std::move(b)) {
-        m = mp4_reader_create();
-        mp4_buf_put(m, bytes.data(), uint32_t(bytes.size()));
-    }
-    Box *read() { return rwBox(m, nullptr); }
-    ~Reader() {
-        mp4_buf_get(m);
-        mp4_delete(m);
-    }
-};
+using Reader = boxtest::BoxReader;
 
 struct Writer {
     Bytes buf;

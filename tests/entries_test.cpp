@@ -4,6 +4,8 @@
 // or writing outside a record or array fails it.
 #include "box/box.h"
 #include "box/layouts.h"
+#include "byte_builder.h"
+#include "tree_compare.h"
 
 #include <gtest/gtest.h>
 
@@ -13,37 +15,14 @@
 
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
+using namespace test_util;
+using boxtest::markAsRead;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-void put8(Bytes &b, uint32_t v) {
-    b.push_back(uint8_t(v));
-}
-void put16(Bytes &b, uint32_t v) {
-    put8(b, v >> 8);
-    put8(b, v);
-}
-void put32(Bytes &b, uint32_t v) {
-    put16(b, v >> 16);
-    put16(b, v);
-}
 void zeros(Bytes &b, size_t n) {
     b.insert(b.end(), n, 0);
 }
-void append(Bytes &b, const Bytes &more) {
-    b.insert(b.end(), more.begin(), more.end());
-}
-
-Bytes box(const char (&type)[5], const Bytes &payload) {
-    Bytes b;
-    put32(b, uint32_t(8 + payload.size()));
-    b.insert(b.end(), type, type + 4);
-    append(b, payload);
-    return b;
-}
-
 Bytes range(uint8_t first, size_t n) {
     Bytes b;
     for (size_t i = 0; i < n; i++)
@@ -91,14 +70,6 @@ struct Writer {
         mp4_delete(m);
     }
 };
-
-// A node read from a file: written back, it keeps its declared size (no auto_size).
-void markAsRead(Box *b) {
-    for (; b; b = b->next) {
-        b->node_flags &= uint8_t(~BOX_AUTO_SIZE);
-        markAsRead(b->first_child);
-    }
-}
 
 // Sample entries are laid out only under an stsd: the writer's entries are linked under one.
 template <typename T> T *underStsd(T *entry) {

@@ -2,6 +2,8 @@
 // callback and its data positions), tfra and mfro. Byte vectors are written out field by field.
 #include "box/box.h"
 #include "box/layouts.h"
+#include "byte_builder.h"
+#include "tree_compare.h"
 
 #include <gtest/gtest.h>
 
@@ -11,63 +13,12 @@
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
+using namespace test_util;
+using boxtest::markAsRead;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-void put8(Bytes &b, uint32_t v) {
-    b.push_back(uint8_t(v));
-}
-void put16(Bytes &b, uint32_t v) {
-    put8(b, v >> 8);
-    put8(b, v);
-}
-void put24(Bytes &b, uint32_t v) {
-    put8(b, v >> 16);
-    put16(b, v);
-}
-void put32(Bytes &b, uint32_t v) {
-    put16(b, v >> 16);
-    put16(b, v);
-}
-void put64(Bytes &b, uint64_t v) {
-    put32(b, uint32_t(v >> 32));
-    put32(b, uint32_t(v));
-}
-void append(Bytes &b, const Bytes &more) {
-    b.insert(b.end(), more.begin(), more.end());
-}
-
-Bytes box(const char (&type)[5], const Bytes &payload) {
-    Bytes b;
-    put32(b, uint32_t(8 + payload.size()));
-    b.insert(b.end(), type, type + 4);
-    append(b, payload);
-    return b;
-}
-
-Bytes fullBox(const char (&type)[5], uint8_t version, uint32_t flags, const Bytes &payload) {
-    Bytes p;
-    put8(p, version);
-    put24(p, flags);
-    append(p, payload);
-    return box(type, p);
-}
-
-struct Reader {
-    Bytes bytes;
-    mp4_muxer *m;
-    explicit Reader(Bytes b) : bytes(std::move(b)) {
-        m = mp4_reader_create();
-        mp4_buf_put(m, bytes.data(), uint32_t(bytes.size()));
-    }
-    Box *read() { return rwBox(m, nullptr); }
-    ~Reader() {
-        mp4_buf_get(m);
-        mp4_delete(m);
-    }
-};
+using Reader = boxtest::BoxReader;
 
 struct Writer {
     Bytes buf;
@@ -86,13 +37,6 @@ struct Writer {
         mp4_delete(m);
     }
 };
-
-void markAsRead(Box *b) {
-    for (; b; b = b->next) {
-        b->node_flags &= uint8_t(~BOX_AUTO_SIZE);
-        markAsRead(b->first_child);
-    }
-}
 
 template <typename T> T *child(Box *parent, const char (&type)[5]) {
     return static_cast<T *>(getChild(parent, fourcc(type)));

@@ -1,6 +1,7 @@
 // Fragmented writing: the movie fragment header that describes queued samples, the movie header
 // written in front of fragments, and a fragmented recording of real encoder output checked by
 // ffprobe and ffmpeg.
+#include "byte_builder.h"
 #include "internal.h"
 #include "test_util.h"
 
@@ -15,22 +16,8 @@ using namespace test_util;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 constexpr uint32_t AVC1 = MP4_FOURCC('a', 'v', 'c', '1');
 constexpr uint32_t MP4A = MP4_FOURCC('m', 'p', '4', 'a');
-
-void put32(Bytes &b, uint32_t v) {
-    for (int i = 3; i >= 0; i--)
-        b.push_back(uint8_t(v >> (8 * i)));
-}
-void put64(Bytes &b, uint64_t v) {
-    put32(b, uint32_t(v >> 32));
-    put32(b, uint32_t(v));
-}
-void putType(Bytes &b, const char *t) {
-    b.insert(b.end(), t, t + 4);
-}
 
 // A writer streaming into one caller buffer, with its output collected as the test goes.
 struct BufferWriter {

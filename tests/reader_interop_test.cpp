@@ -2,6 +2,7 @@
 // (position, size, decode-time steps, key frames), in the reader's audio-before-video order.
 // Also: fragmented streams received in pieces, and damaged copies of every fixture.
 #include "internal.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -81,22 +82,7 @@ std::vector<Packet> ffprobePackets(const std::string &path) {
 
 // ---- the reader ------------------------------------------------------------------------------
 
-struct Delivery {
-    uint32_t track;
-    uint64_t offset;
-    uint64_t timestamp;
-    uint32_t size;
-    uint32_t flags;
-    bool operator==(const Delivery &o) const {
-        return track == o.track && offset == o.offset && timestamp == o.timestamp &&
-               size == o.size && flags == o.flags;
-    }
-};
-
-std::ostream &operator<<(std::ostream &os, const Delivery &d) {
-    return os << "{track " << d.track << " offset " << d.offset << " dts " << d.timestamp
-              << " size " << d.size << " flags " << d.flags << "}";
-}
+using test_util::Delivery;
 
 int collect(void *opaque, uint32_t track, uint64_t offset, uint64_t timestamp, uint32_t size,
             uint32_t flags) {

@@ -2,6 +2,7 @@
 // queries. Movies are built in memory from a sample layout; the expected deliveries are derived
 // from that same layout by a plain model, independently of the reader's table walking.
 #include "internal.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -171,22 +172,7 @@ Box *stblOf(Box *moov, int index) {
 
 // ---- the model -------------------------------------------------------------------------------
 
-struct Delivery {
-    uint32_t track;
-    uint64_t offset;
-    uint64_t timestamp;
-    uint32_t size;
-    uint32_t flags;
-    bool operator==(const Delivery &o) const {
-        return track == o.track && offset == o.offset && timestamp == o.timestamp &&
-               size == o.size && flags == o.flags;
-    }
-};
-
-std::ostream &operator<<(std::ostream &os, const Delivery &d) {
-    return os << "{track " << d.track << " offset " << d.offset << " dts " << d.timestamp
-              << " size " << d.size << " flags " << d.flags << "}";
-}
+using test_util::Delivery;
 
 // Every sample of a track as the layout places it.
 std::vector<Delivery> expectedSamples(const TrackSpec &t, uint32_t number) {

@@ -1,6 +1,7 @@
 // The two remuxers: fragmented streams turned into plain movies (however the input is cut into
 // buffers, with shifted positions, missing data and hostile boxes), plain movies turned into
 // fragments, and the round trip between the two, which must give back every sample.
+#include "byte_builder.h"
 #include "internal.h"
 #include "test_util.h"
 
@@ -17,8 +18,6 @@ using namespace test_util;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 constexpr uint32_t AVC1 = MP4_FOURCC('a', 'v', 'c', '1');
 constexpr uint32_t MP4A = MP4_FOURCC('m', 'p', '4', 'a');
 
@@ -27,29 +26,6 @@ uint64_t fnv(const uint8_t *p, size_t n) {
     for (size_t i = 0; i < n; i++)
         h = (h ^ p[i]) * 1099511628211ull;
     return h;
-}
-
-void put32(Bytes &b, uint32_t v) {
-    for (int i = 3; i >= 0; i--)
-        b.push_back(uint8_t(v >> (8 * i)));
-}
-void put64(Bytes &b, uint64_t v) {
-    put32(b, uint32_t(v >> 32));
-    put32(b, uint32_t(v));
-}
-void putType(Bytes &b, const char *t) {
-    b.insert(b.end(), t, t + 4);
-}
-void append(Bytes &to, const Bytes &from) {
-    to.insert(to.end(), from.begin(), from.end());
-}
-
-Bytes box(const char *type, const Bytes &body) {
-    Bytes b;
-    put32(b, uint32_t(8 + body.size()));
-    putType(b, type);
-    append(b, body);
-    return b;
 }
 
 // ---- what a plain movie holds, read without the library ------------------------------------

@@ -261,6 +261,26 @@ inline std::vector<std::string> topLevel(const std::vector<uint8_t> &f) {
     return out;
 }
 
+// ---- samples a reader delivers ---------------------------------------------------------------
+
+// One call of the sample callback.
+struct Delivery {
+    uint32_t track;
+    uint64_t offset;
+    uint64_t timestamp;
+    uint32_t size;
+    uint32_t flags;
+    bool operator==(const Delivery &o) const {
+        return track == o.track && offset == o.offset && timestamp == o.timestamp &&
+               size == o.size && flags == o.flags;
+    }
+};
+
+inline std::ostream &operator<<(std::ostream &os, const Delivery &d) {
+    return os << "{track " << d.track << " offset " << d.offset << " dts " << d.timestamp
+              << " size " << d.size << " flags " << d.flags << "}";
+}
+
 // ---- elementary streams of the fixtures --------------------------------------------------
 
 // Access units of an Annex B stream in which every unit opens with an access unit delimiter

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "box/box.h"
+#include "byte_builder.h"
 
 #include <gtest/gtest.h>
 
@@ -12,52 +13,29 @@
 
 namespace boxtest {
 
-using Bytes = std::vector<uint8_t>;
+using test_util::append;
+using test_util::box;
+using test_util::Bytes;
+using test_util::fullBox;
+using test_util::put16;
+using test_util::put24;
+using test_util::put32;
+using test_util::put64;
+using test_util::put8;
 
-inline void put8(Bytes &b, uint32_t v) {
-    b.push_back(uint8_t(v));
-}
-inline void put16(Bytes &b, uint32_t v) {
-    put8(b, v >> 8);
-    put8(b, v);
-}
-inline void put24(Bytes &b, uint32_t v) {
-    put8(b, v >> 16);
-    put16(b, v);
-}
-inline void put32(Bytes &b, uint32_t v) {
-    put16(b, v >> 16);
-    put16(b, v);
-}
-inline void put64(Bytes &b, uint64_t v) {
-    put32(b, uint32_t(v >> 32));
-    put32(b, uint32_t(v));
-}
 inline void putStr(Bytes &b, const char *s, bool with_zero = true) {
     b.insert(b.end(), s, s + strlen(s));
     if (with_zero)
         b.push_back(0);
 }
-inline void append(Bytes &b, const Bytes &more) {
-    b.insert(b.end(), more.begin(), more.end());
-}
 
-// A box with a compact header around `payload`.
-inline Bytes box(const char (&type)[5], const Bytes &payload) {
-    Bytes b;
-    put32(b, uint32_t(8 + payload.size()));
-    b.insert(b.end(), type, type + 4);
-    append(b, payload);
-    return b;
-}
-
-// A full box: version and flags in front of `payload`.
-inline Bytes fullBox(const char (&type)[5], uint8_t version, uint32_t flags, const Bytes &payload) {
-    Bytes p;
-    put8(p, version);
-    put24(p, flags);
-    append(p, payload);
-    return box(type, p);
+// A node read from a file: written back, it keeps its declared size (no auto_size), and so do
+// the nodes after it and below it.
+inline void markAsRead(Box *b) {
+    for (; b; b = b->next) {
+        b->node_flags &= uint8_t(~BOX_AUTO_SIZE);
+        markAsRead(b->first_child);
+    }
 }
 
 inline std::string hex(const Bytes &b) {
@@ -94,6 +72,22 @@ struct MemReader {
     }
     MemReader(const MemReader &) = delete;
     MemReader &operator=(const MemReader &) = delete;
+};
+
+// A reader handle fed from a copy of `bytes` through one memory buffer; read() takes the next box
+// as it comes (unlike MemReader, it leaves the handle's parent alone).
+struct BoxReader {
+    Bytes bytes;
+    mp4_muxer *m;
+    explicit BoxReader(Bytes b) : bytes(std::move(b)) {
+        m = mp4_reader_create();
+        mp4_buf_put(m, bytes.data(), uint32_t(bytes.size()));
+    }
+    Box *read() { return rwBox(m, nullptr); }
+    ~BoxReader() {
+        mp4_buf_get(m);
+        mp4_delete(m);
+    }
 };
 
 // Writes `box` with a fresh writer into a memory buffer and returns the bytes written.

@@ -1,6 +1,7 @@
 // The writer: track creation, sample writing with its tables and chunking, fragment-mode
 // samples, finishing (durations, edit lists, timescales), the size limit and the recovery of a
 // recording whose output failed.
+#include "byte_builder.h"
 #include "internal.h"
 #include "test_util.h"
 
@@ -16,18 +17,12 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using test_util::be32;
+using test_util::Bytes;
+using test_util::cat;
+using test_util::SC3;
+using test_util::SC4;
 
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-const Bytes SC4 = {0, 0, 0, 1};
-const Bytes SC3 = {0, 0, 1};
 const Bytes SPS = {0x67, 0x42, 0xC0, 0x1E, 0xD9, 0x01, 0x41, 0xFB, 0x01, 0x10};
 const Bytes PPS = {0x68, 0xCB, 0x83, 0xCB};
 const Bytes IDR = {0x65, 0x88, 0x84, 0x00, 0x33, 0x21};
