@@ -146,7 +146,8 @@ void mp4_set_moov_max_duration(mp4_muxer *m, uint32_t max_minutes, uint32_t inte
 void mp4_write_frag_header(mp4_muxer *m);
 /* Finishes the movie: plain file, fragmented header, or remuxer output. Errors: 2, 3, 8. */
 void mp4_write_movie(mp4_muxer *m);
-/* Installs the sample callback (NULL turns it off). Leaves no error. */
+/* Installs the sample callback (NULL turns it off). Leaves no error. A callback must not call
+ * back into the handle that calls it (it runs in the middle of that handle's work). */
 void mp4_set_callback(mp4_muxer *m, mp4_callback callback);
 /* Limits the written file's size (0 = no limit); samples past it fail with error 9, and the
  * file stays playable. */
@@ -200,7 +201,7 @@ void mp4_remux(mp4_muxer *m);
 void mp4_play_mixed_timescales(mp4_muxer *m, int on);
 /* Per-sample callback with the track number and the caller's context pointer: called for every
  * sample the plain callback is called for (writer and reader), after it when both are set.
- * NULL turns it off. */
+ * NULL turns it off. Like the plain one, it must not call back into the same handle. */
 void mp4_set_sample_callback(mp4_muxer *m, mp4_sample_fn fn, void *opaque);
 
 #ifdef __cplusplus
