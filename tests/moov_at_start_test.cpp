@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <set>
+#include <stdio_ext.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -539,9 +540,10 @@ int recordUntilTheDiskIsFull(const std::string &path, bool stdio, Before before,
     if (pid == 0) {
         signal(SIGXFSZ, SIG_IGN); // a write past the limit fails with EFBIG instead
         int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        FILE *fp = stdio ? fdopen(fd, "w+b") : nullptr;
         mp4_muxer *m = mp4_writer_create();
-        if (stdio)
-            mp4_file_pointer(m, fdopen(fd, "w+b"));
+        if (fp)
+            mp4_file_pointer(m, fp);
         else
             mp4_file_descriptor(m, fd);
         before(m);
@@ -549,7 +551,16 @@ int recordUntilTheDiskIsFull(const std::string &path, bool stdio, Before before,
         struct rlimit rl = {bytes, bytes};
         setrlimit(RLIMIT_FSIZE, &rl);
         after(m);
-        _exit(int(mp4_get_error_code(m))); // no clean-up: a recorder that dies here
+        const int code = int(mp4_get_error_code(m));
+        // Gone as a killed recorder goes: whatever the stream still buffers is dropped.
+        mp4_delete(m);
+        if (fp) {
+            __fpurge(fp);
+            fclose(fp);
+        } else {
+            close(fd);
+        }
+        _exit(code);
     }
     int status = 0;
     waitpid(pid, &status, 0);
