@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the recording, reading and remuxing suites under valgrind's memcheck and fails on any
-# leak or memory error. Usage: tests/memcheck.sh BUILD_DIR (a build without sanitizers).
+# leak or memory error. Usage: tests/memcheck.sh BUILD_DIR (a build without sanitizers);
+# MEMCHECK_SUITES="a_test b_test" runs only those.
 # Counting the process's write calls means nothing under valgrind, which writes its log from
 # the same process: that test is left out here.
 set -euo pipefail
