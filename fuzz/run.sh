@@ -13,6 +13,8 @@ for target in "$@"; do
     mkdir -p "$corpus" "$artifacts"
     case $target in
         fuzz_parameter_data) seeds=("$data"/sample.h264 "$data"/sample.m4v) ;;
+        # Call sequences, not files: hand-made seeds (fuzz/make_write_api_seeds.py).
+        fuzz_write_api) seeds=("$root"/fuzz/corpus_write_api/*) ;;
         *) seeds=("$data"/*.mp4 "$data"/*.mov) ;;
     esac
     cp -n "${seeds[@]}" "$corpus"/ 2>/dev/null || true
