@@ -193,6 +193,40 @@ TEST(MoovEstimate, TracksWithoutADefaultDurationKeepTheDefaults) {
     mp4_delete(m);
 }
 
+// A huge timescale over a short duration: 357913942 frames a minute, whose 12 bytes each come to
+// just over 2^32. Summed in 32 bits the estimate wrapped to 64 KiB, a reservation that the first
+// update outgrows; it is capped at the largest region the movie can be written into instead.
+// Found by fuzz/fuzz_write_api.cpp. No output: the writer only counts positions.
+TEST(MoovEstimate, AnEstimateBeyond32BitsIsCappedNotWrapped) {
+    mp4_muxer *m = mp4_writer_create();
+    mp4_set_moov_max_duration(m, 1, 1);
+    uint32_t v = mp4_video_track_create(m, fourcc("avc1"), 357913942, 60, 0, 128, 96, 66, 11);
+    testing::internal::CaptureStdout();
+    Streams s;
+    s.video(m, 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("video_frames=357913942 audio_frames=2812 est_size=2147450880"),
+              std::string::npos)
+        << out;
+    EXPECT_EQ(m->max_moov_size, 0x7FFF8000u);
+    EXPECT_NE(v, 0u);
+    mp4_delete(m);
+}
+
+TEST(MoovEstimate, FrameCountsBeyond32BitsSaturate) {
+    mp4_muxer *m = mp4_writer_create();
+    mp4_set_moov_max_duration(m, 2, 1);
+    mp4_video_track_create(m, fourcc("avc1"), 0xFFFFFFBFu, 66, 0, 128, 96, 66, 11);
+    testing::internal::CaptureStdout();
+    Streams s;
+    s.video(m, 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    // 2 * 60 * 4294967231 / 66 frames do not fit 32 bits (truncated, they made 3514064033).
+    EXPECT_NE(out.find("video_frames=4294967295 "), std::string::npos) << out;
+    EXPECT_EQ(m->max_moov_size, 0x7FFF8000u);
+    mp4_delete(m);
+}
+
 // ---- the setters --------------------------------------------------------------------------------
 
 TEST(MoovSetters, SizeZeroTurnsTheModeOffAtTheFirstSample) {

@@ -3,6 +3,7 @@
 // playable.
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
@@ -28,10 +29,17 @@ extern "C" void mp4_set_moov_max_duration(mp4_muxer *m, uint32_t max_minutes,
            interval_seconds);
 }
 
-// Frames in max_minutes of a track of `timescale` ticks per second and `dur` ticks per frame.
+// Frames in max_minutes of a track of `timescale` ticks per second and `dur` ticks per frame,
+// saturated: with a huge timescale and a short duration the count exceeds 32 bits, and a
+// wrapped count would stand for a short recording.
 static uint32_t frames_for(uint32_t minutes, uint32_t timescale, uint32_t dur) {
-    return uint32_t(uint64_t(minutes) * timescale * 60 / dur);
+    unsigned __int128 frames = (unsigned __int128)minutes * timescale * 60 / dur;
+    return frames > 0xFFFFFFFFu ? 0xFFFFFFFFu : uint32_t(frames);
 }
+
+// The largest reservation: the movie in the region is coded in memory and put out in one write
+// of at most 0x7FFFFFFF bytes, so a larger one could never be updated.
+static const uint64_t MAX_ESTIMATE = 0x7FFF8000u;
 
 static uint32_t padding_type(const mp4_muxer *m) {
     return (m->flags & MP4_MOV) ? fourcc("wide") : fourcc("free");
@@ -73,8 +81,8 @@ void setup_moov_at_start(mp4_muxer *m) {
     if (m->moov_max_minutes) {
         const uint32_t minutes = m->moov_max_minutes;
         uint32_t video_dur = 1501, audio_dur = 1920; // defaults in 90 kHz ticks
-        uint32_t video_frames = uint32_t(uint64_t(minutes) * 5400000 / video_dur);
-        uint32_t audio_frames = uint32_t(uint64_t(minutes) * 5400000 / audio_dur);
+        uint32_t video_frames = frames_for(minutes, 90000, video_dur);
+        uint32_t audio_frames = frames_for(minutes, 90000, audio_dur);
         for (uint32_t i = 0; m->tracks && i + 1 < m->next_track_id; i++) {
             const mp4_track &t = m->tracks[i];
             // A track without a default duration cannot be counted; it keeps the default.
@@ -90,7 +98,10 @@ void setup_moov_at_start(mp4_muxer *m) {
                 printf("audio_dur=%u timescale=%u track=%d\n", audio_dur, t.timescale, int(i));
             }
         }
-        m->max_moov_size = (audio_frames * 10u + video_frames * 12u + 0xFFFFu) & 0xFFFF8000u;
+        // In 64 bits and capped: the sum wrapped in 32 bits left a long recording a reservation
+        // of a few KiB (or of any size at all).
+        uint64_t estimate = uint64_t(audio_frames) * 10 + uint64_t(video_frames) * 12 + 0xFFFF;
+        m->max_moov_size = uint32_t(std::min(estimate, MAX_ESTIMATE) & ~uint64_t(0x7FFF));
         printf("%s: max_minutes=%u video_dur=%u audio_dur=%u next_track_id=%u\n",
                "setup_moov_at_start", minutes, video_dur, audio_dur, m->next_track_id);
         printf("%s: video_frames=%u audio_frames=%u est_size=%u\n", "setup_moov_at_start",
