@@ -76,6 +76,9 @@ struct mp4_track {
     uint32_t sample_alloc;
     uint64_t timestamp;
     uint64_t frag_time;
+    // When this audio track's held samples are next due (interleaving): every track keeps its
+    // own, so that one track moving the deadline on cannot leave another holding forever.
+    uint64_t interleave_time;
     mp4_sample *samples; // owned
     uint32_t play_sample;
     uint32_t play_stts_entry;

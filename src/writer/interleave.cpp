@@ -5,8 +5,14 @@
 #include <cstring>
 
 extern "C" void mp4_interleave_duration(mp4_muxer *m, uint32_t period) {
-    if (m)
-        m->interleave_duration = period;
+    if (!m)
+        return;
+    // Samples held under the old period go out now: turned off, nothing would ever write them.
+    // (In fragment mode the sample records are the fragment queue, never held audio.)
+    if (period != m->interleave_duration && !m->buffer && m->tracks)
+        for (uint32_t id = 1; id < m->next_track_id; id++)
+            write_interleaved_track(m, id);
+    m->interleave_duration = period;
 }
 
 // Every held sample of every track, in buffer order, is moved down to close the gap that a
@@ -66,13 +72,14 @@ void track_interleave(mp4_muxer *m, uint32_t id, const uint8_t *data, uint32_t s
     if (!m->tracks || id == 0 || id >= m->next_track_id || m->interleave_duration == 0)
         return;
     mp4_track *t = &m->tracks[id - 1];
-    if (t->timestamp >= m->interleave_time) {
+    if (t->timestamp >= t->interleave_time) {
         // The deadline moves past the track's time in whole periods. Only the first step can
         // find samples to write, so the steps are taken at once: a long sample over a short
         // period costs one division, not a loop per period.
         write_interleaved_track(m, id);
-        const uint64_t behind = t->timestamp - m->interleave_time;
-        m->interleave_time += m->interleave_duration * (behind / m->interleave_duration + 1);
+        const uint64_t behind = t->timestamp - t->interleave_time;
+        t->interleave_time += m->interleave_duration * (behind / m->interleave_duration + 1);
+        m->interleave_time = t->interleave_time; // the deadline last moved
     }
     t->timestamp += duration;
 
