@@ -132,7 +132,8 @@ void mp4_write_track(mp4_muxer *m, uint32_t track_id, const uint8_t *data, uint3
 /* Writes an opaque 'skip' box holding data; size 0 writes nothing. Errors: 1, 6, 8. */
 void mp4_write_skip_data(mp4_muxer *m, const uint8_t *data, uint32_t size);
 /* Holds audio back and writes it in one chunk per period (audio timescale ticks); 0 = off.
- * Set before the first sample. Holding a sample can later leave error 2. */
+ * Set before the first sample; changed later, what is held is written at once. Each audio
+ * track keeps its own period. Holding a sample can later leave error 2. */
 void mp4_interleave_duration(mp4_muxer *m, uint32_t period);
 /* Reserves max_moov_size bytes for the movie header at the start of the file, rewritten every
  * interval ticks of video. Call before the first sample. When the movie outgrows the
