@@ -145,7 +145,8 @@ void mp4_set_moov_max_duration(mp4_muxer *m, uint32_t max_minutes, uint32_t inte
 /* Writes a movie fragment header ('moof') describing the queued samples (buffer output).
  * Errors: 1, 6, 8. */
 void mp4_write_frag_header(mp4_muxer *m);
-/* Finishes the movie: plain file, fragmented header, or remuxer output. Errors: 2, 3, 8. */
+/* Finishes the movie: plain file, fragmented header, or remuxer output. Errors: 2, 3, 8, and 9
+ * when audio still held for interleaving would pass the size limit. */
 void mp4_write_movie(mp4_muxer *m);
 /* Installs the sample callback (NULL turns it off). Leaves no error. A callback must not call
  * back into the handle that calls it (it runs in the middle of that handle's work). */
