@@ -142,6 +142,7 @@ extern "C" void mp4_delete(mp4_muxer *m) {
     mp4_free(m->interleave_buffer);
     mp4_free(m->overflow_buffer);
     mp4_free(m->read_window);
+    mp4_free(m->pending);
     mp4_free(m);
 }
 

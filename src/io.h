@@ -100,6 +100,16 @@ struct mp4_track {
     Box *cache_moov;
 };
 
+// A sample that a fragment header describes, waiting for the media data that follows the
+// header (defragmenter).
+struct PendingSample {
+    uint64_t offset;
+    uint32_t track;
+    uint32_t length;
+    uint32_t duration;
+    uint32_t moof; // number of the fragment header that described it
+};
+
 typedef uint32_t (*mp4_remux_fn)(mp4_muxer *m, uint32_t track_ID, uint64_t offset, uint32_t size,
                                  uint32_t duration);
 
@@ -134,6 +144,14 @@ struct mp4_muxer {
     uint32_t handler_type;
     uint32_t sample_count;
     mp4_remux_fn remux_callback;
+    // Defragmenter: samples whose data comes after their fragment header, as most fragmented
+    // files have it, copied once that data has arrived; and the fragment headers read so far.
+    PendingSample *pending;
+    uint32_t pending_count;
+    uint32_t pending_alloc;
+    uint32_t moof_seq;
+    // The default sample duration of the track fragment being read, 0 when its tfhd has none.
+    uint32_t tfhd_duration;
     uint32_t current_track_id;
     Box *parent;
     uint16_t sps_size;

@@ -181,16 +181,17 @@ uint32_t trak_id(Box *trak) {
     return tkhd ? tkhd->track_ID : 0;
 }
 
-// The value of next_track_id for a moov: one record per track number below the movie's
-// next_track_ID, but no more than its traks use, so that a large next_track_ID does not cost a
-// record per unused number; and no more than the bound the reader keeps, as records are
-// indexed by track_ID. Tracks numbered beyond it are not copied.
-uint32_t records_needed(Box *moov, uint32_t movie_next) {
+// The value of next_track_id for a moov: one record per track number its traks use, so that a
+// large next_track_ID does not cost a record per unused number, and no more than the bound the
+// reader keeps, as records are indexed by track_ID. The movie's next_track_ID is not trusted to
+// cover them (ffmpeg's fragmented files give 2 for two tracks). Tracks numbered beyond the
+// bound are not copied.
+uint32_t records_needed(Box *moov, uint32_t) {
     uint32_t top = 0;
     for (Box *c = getChild(moov, fourcc("trak")); c; c = c->next) {
         uint32_t id = c->type == fourcc("trak") ? trak_id(c) : 0;
         // A number beyond the bound has no record: it does not raise the others' count.
-        if (id < movie_next && id > top && bounded_track_records(id) == id)
+        if (id > top && bounded_track_records(id) == id)
             top = id;
     }
     return top + 1;
@@ -463,6 +464,63 @@ uint32_t copy_sample(mp4_muxer *m, Box *md, uint32_t track_ID, uint64_t offset, 
     return length;
 }
 
+// Media data after the fragment header that describes it (the order most fragmented files
+// use) has not arrived when the header is read: its samples wait in a queue, bounded like any
+// count taken from the input, until their mdat comes.
+bool queue_pending(mp4_muxer *m, uint32_t track_ID, uint64_t offset, uint32_t length,
+                   uint32_t duration) {
+    if (m->pending_count == m->pending_alloc) {
+        if (m->pending_alloc >= (1u << 24))
+            return false;
+        const uint32_t want = m->pending_alloc ? 2 * m->pending_alloc : 64;
+        void *p = mp4_realloc(m->pending, size_t(want) * sizeof(PendingSample));
+        if (!p) {
+            m->error = MP4_ERR_NOMEM;
+            return false;
+        }
+        m->pending = static_cast<PendingSample *>(p);
+        m->pending_alloc = want;
+    }
+    m->pending[m->pending_count++] = PendingSample{offset, track_ID, length, duration, m->moof_seq};
+    return true;
+}
+
+// Copies, in order, the waiting samples whose data the chain now holds. Once none waits, the
+// chain's data has all been taken, and it is emptied so that no later sample is looked for in it.
+void resolve_pending(mp4_muxer *m) {
+    ChainIndex *idx = chain_index(m);
+    uint32_t done = 0;
+    for (; idx && done < m->pending_count; done++) {
+        const PendingSample p = m->pending[done];
+        Box *md = find_holding(idx, p.offset, p.length);
+        if (!md)
+            break; // later data: the order of the samples is kept
+        copy_sample(m, md, p.track, p.offset, p.length, p.duration);
+    }
+    memmove(m->pending, m->pending + done, size_t(m->pending_count - done) * sizeof(PendingSample));
+    m->pending_count -= done;
+    if (done && m->pending_count == 0)
+        chain_clear(m);
+}
+
+// Gives up the waiting samples described by fragment headers before number `before`: their
+// data never came. They are skipped as samples whose data cannot be found are.
+void drop_pending(mp4_muxer *m, uint32_t before) {
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < m->pending_count; i++) {
+        const PendingSample p = m->pending[i];
+        if (p.moof >= before) {
+            m->pending[kept++] = p;
+            continue;
+        }
+        printf("%s: failed to find a MDAT containing referenced track data at offset %lu "
+               "len=%u\n",
+               "defrag_callback", (unsigned long)p.offset, p.length);
+        skip_sample(m, p.track, p.duration);
+    }
+    m->pending_count = kept;
+}
+
 } // namespace
 
 uint32_t defrag_callback(mp4_muxer *m, uint32_t track_ID, uint64_t offset, uint32_t length,
@@ -473,9 +531,17 @@ uint32_t defrag_callback(mp4_muxer *m, uint32_t track_ID, uint64_t offset, uint3
     offset -= uint64_t(int64_t(m->buffer_adjust));
     if (!w->moov || track_ID == 0 || track_ID >= w->next_track_id)
         return length; // no movie to record it in, or no such track
+    // A run without durations takes the trex default, which fragmenters that put theirs in
+    // the track fragment header leave at 0 (ffmpeg among them): a sample lasts no time then.
+    if (duration == 0)
+        duration = m->tfhd_duration;
 
     ChainIndex *idx = chain_index(m);
     Box *md = idx ? find_holding(idx, offset, length) : nullptr;
+    // No media data held, and the sample's lies ahead: it follows this fragment header.
+    if (!md && !idx && !m->error && offset >= muxer_pos(m) &&
+        queue_pending(m, track_ID, offset, length, duration))
+        return length;
     if (!md) {
         printf("%s: failed to find a MDAT containing referenced track data at offset %lu "
                "len=%u\n",
@@ -516,9 +582,14 @@ void defrag(mp4_muxer *m) {
             break;
         case fourcc("mdat"):
             chain_push(m, box);
+            if (m->pending_count)
+                resolve_pending(m);
             break;
         case fourcc("moof"):
-            // Its samples were copied while it was read; the data it described is done with.
+            // Its samples were copied while it was read, or wait for the data after it; the
+            // data before it is done with, and so are samples of earlier headers still waiting.
+            drop_pending(m, m->moof_seq);
+            m->moof_seq++;
             chain_clear(m);
             deleteBox(box);
             break;
@@ -955,7 +1026,8 @@ void finish_remux_output(mp4_muxer *m) {
     mp4_muxer *w = m->linked;
     if (is_reader(m) && !is_reader(w)) {
         // Defragmenting: close the writer's mdat, drop the fragment announcement and write the
-        // completed movie after the media data.
+        // completed movie after the media data. Samples still waiting for data never get it.
+        drop_pending(m, UINT32_MAX);
         if (w->mdat) {
             updateBoxSize(w, w->mdat);
             deleteBox(w->mdat);

@@ -465,6 +465,50 @@ TEST(Defragment, WholeBoxesGivenInAnyGroupingMakeTheSameFile) {
     }
 }
 
+// Stream, size and a checksum of the bytes of every packet, as ffprobe lists them.
+std::string probedPackets(const std::string &path) {
+    std::string out;
+    run("ffprobe -v error -show_data_hash CRC32 -show_entries packet=stream_index,size,data_hash "
+        "-of csv=p=0 " +
+            quote(path),
+        &out);
+    return out;
+}
+
+TEST(Defragment, FragmentsWhoseMediaDataFollowsTheirHeaderAreCopiedWhenItArrives) {
+    // The order ffmpeg and most fragmenters use: each moof, then the mdat it describes.
+    SKIP_WITHOUT_FFPROBE();
+    TempDir dir;
+    const Bytes stream = readFile(dataPath("frag.mp4"));
+    std::vector<Bytes> boxes = topLevelBoxes(stream);
+    ASSERT_GT(boxes.size(), 6u);
+    ASSERT_EQ(topLevel(stream)[2], "moof");
+    ASSERT_EQ(topLevel(stream)[3], "mdat");
+    const std::string expected = probedPackets(dataPath("frag.mp4"));
+    ASSERT_EQ(std::count(expected.begin(), expected.end(), '\n'), 60 + 95);
+
+    std::vector<std::vector<Bytes>> groupings = {{stream}, boxes};
+    std::mt19937 rng(1201);
+    std::vector<Bytes> pieces;
+    for (size_t i = 0; i < boxes.size();) {
+        Bytes piece;
+        for (size_t k = 1 + rng() % 3; k > 0 && i < boxes.size(); k--)
+            append(piece, boxes[i++]);
+        pieces.push_back(piece);
+    }
+    groupings.push_back(pieces);
+    for (size_t g = 0; g < groupings.size(); g++) {
+        SCOPED_TRACE("grouping " + std::to_string(g));
+        const std::string out = dir.file("plain" + std::to_string(g) + ".mp4");
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(defragment(groupings[g], out), 0u);
+        EXPECT_EQ(testing::internal::GetCapturedStdout().find("failed to find"), std::string::npos);
+        EXPECT_EQ(countBoxes(readFile(out), "moof"), 0);
+        EXPECT_EQ(probedPackets(out), expected);
+        EXPECT_EQ(decodeErrors(out), "");
+    }
+}
+
 TEST(Defragment, ShiftedPositionsAreRecoveredThroughTheBufferAdjustment) {
     TempDir dir;
     Plan plan = synthetic(20, 4, 30, 6);

@@ -176,6 +176,8 @@ bool codeTfhd(mp4_muxer *m, Box **box, uint64_t) {
     // Each track fragment starts a new chunk in the remuxer's output.
     if (m->remux_callback && m->linked)
         m->linked->flags |= MP4_NEW_CHUNK;
+    if (is_reader(m))
+        m->tfhd_duration = (b->flags & TFHD_DEFAULT_DURATION) ? b->default_sample_duration : 0;
     return true;
 }
 
