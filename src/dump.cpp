@@ -422,6 +422,10 @@ void printChan(const Chan *b) {
 
 // A box without a row of its own: a sample entry when its parent is an stsd, laid out by the
 // handler type of the track being coded.
+bool inStsd(const Box *box) {
+    return box->parent && box->parent->type == fourcc("stsd");
+}
+
 void printOther(mp4_muxer *m, const Box *box) {
     if (!box->parent || box->parent->type != fourcc("stsd")) {
         iprintf("unknown\n");
@@ -874,16 +878,24 @@ void printBox(mp4_muxer *m, Box *box) {
         if (auto *r = record<Stss>(box))
             printStss(r);
         break;
+    // Boxes the codec has no layout for when reading: under stsd it takes them for sample entries
+    // (their records are sample entries then, not tables), elsewhere it keeps their header only.
     case fourcc("stsh"):
-        if (auto *r = record<Stsh>(box))
+        if (inStsd(box))
+            printOther(m, box);
+        else if (auto *r = record<Stsh>(box))
             printStsh(r);
         break;
     case fourcc("stdp"):
-        if (auto *r = record<Stdp>(box))
+        if (inStsd(box))
+            printOther(m, box);
+        else if (auto *r = record<Stdp>(box))
             printStdp(m, r);
         break;
     case fourcc("padb"):
-        if (auto *r = record<Padb>(box))
+        if (inStsd(box))
+            printOther(m, box);
+        else if (auto *r = record<Padb>(box))
             printPadb(r);
         break;
     case fourcc("mdat"):

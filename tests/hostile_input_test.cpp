@@ -2,6 +2,7 @@
 // tiny inputs that declare huge counts. Each must end as input that is refused or runs out:
 // no crash, no read outside an allocation, and no allocation out of proportion to the input
 // (checked through the allocator's record of the largest block it was asked for).
+#include "internal.h"
 #include "io.h"
 
 #include "test_util.h"
@@ -191,6 +192,28 @@ TEST(HostileInput, ReadTmpHoldsOnlyWhatTheInputHolds) {
 // A constant-size stsz has no entry per sample, so its sample_count costs the input nothing;
 // the refragmenter's sample map must not take it at its word. A movie of a few hundred bytes
 // claiming 2^32 - 1 PCM samples of 4 bytes maps at most as many as the file could hold.
+// Found by fuzz_dump: a sample entry whose type is that of a table the codec never decodes
+// (stsh) was printed as that table, its sample-entry fields taken for a count and an array.
+TEST(HostileInput, ASampleEntryNamedLikeATableIsDumpedAsASampleEntry) {
+    Bytes f = regression("dump-stsh-sample-entry.bin");
+    mp4_muxer *r = mp4_reader_create();
+    mp4_debug(r, 1);
+    mp4_buf_put(r, f.data(), uint32_t(f.size()));
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 16; i++) {
+        Box *b = rwBox(r, nullptr);
+        if (!b)
+            break;
+        deleteBox(b);
+    }
+    const std::string out = testing::internal::GetCapturedStdout();
+    mp4_buf_get(r);
+    mp4_delete(r);
+    const size_t at = out.find("stsh  size:");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_EQ(out.find("shadowed_sample_number", at), std::string::npos);
+}
+
 TEST(HostileInput, RefragmenterMapsNoMoreConstantSizeSamplesThanTheInputHolds) {
     TempDir dir;
     Bytes f = movieOnly(test_util::readFile(test_util::dataPath("pcm_only.mov")));
