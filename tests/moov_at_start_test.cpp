@@ -561,6 +561,27 @@ TEST(MoovFinish, AKillWhileAnOutgrownRegionIsBlankedLeavesAMovie) {
     EXPECT_EQ(playable(f), (std::vector<uint32_t>{400, uint32_t(s.audio)}));
 }
 
+TEST(MoovSetters, AReservationAskedForAfterTheFirstSampleChangesNothingOnFile) {
+    // The region was made at the first sample; a new size would no longer match it.
+    test_util::TempDir dir;
+    const std::string path = dir.file("resized.mp4");
+    mp4_muxer *m = newRecording(path);
+    mp4_set_moov_mode(m, 65536, 9000);
+    addTracks(m);
+    Streams s;
+    for (size_t i = 0; i < 50; i++)
+        s.step(m, i);
+    mp4_set_moov_mode(m, 20000, 9000);
+    for (size_t i = 50; i < 100; i++)
+        s.step(m, i);
+    mp4_write_movie(m);
+    EXPECT_EQ(mp4_get_error_code(m), 0u);
+    mp4_delete(m);
+    Bytes f = test_util::readFile(path);
+    EXPECT_EQ(test_util::findBox(f, "moov").size, 65536u);
+    EXPECT_EQ(playable(f), (std::vector<uint32_t>{100, uint32_t(s.audio)}));
+}
+
 // ---- a disk that fills up -----------------------------------------------------------------------
 
 // Records into a file in a child process whose file size limit stands for a full disk: `before`

@@ -136,8 +136,9 @@ void mp4_write_skip_data(mp4_muxer *m, const uint8_t *data, uint32_t size);
  * track keeps its own period. Holding a sample can later leave error 2. */
 void mp4_interleave_duration(mp4_muxer *m, uint32_t period);
 /* Reserves max_moov_size bytes for the movie header at the start of the file, rewritten every
- * interval ticks of video. Call before the first sample. When the movie outgrows the
- * reservation, mp4_write_track leaves error 6 and the movie goes to the end at the finish. */
+ * interval ticks of video. Call before the first sample (later, only the interval changes: the
+ * reservation on file keeps its size). When the movie outgrows the reservation,
+ * mp4_write_track leaves error 6 and the movie goes to the end at the finish. */
 void mp4_set_moov_mode(mp4_muxer *m, uint32_t max_moov_size, uint32_t interval);
 /* As mp4_set_moov_mode, the reservation estimated for max_minutes of recording from the
  * tracks' default durations, rewritten every interval_seconds (90 kHz video). */

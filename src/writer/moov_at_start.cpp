@@ -12,7 +12,10 @@
 extern "C" void mp4_set_moov_mode(mp4_muxer *m, uint32_t max_moov_size, uint32_t interval) {
     if (!m)
         return;
-    m->max_moov_size = max_moov_size;
+    // The reservation is made at the first sample and keeps its size from then on: the region
+    // on file would no longer match a new one.
+    if (!m->moov)
+        m->max_moov_size = max_moov_size;
     m->moov_interval = interval;
 }
 
