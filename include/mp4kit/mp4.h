@@ -188,7 +188,9 @@ uint32_t mp4_get_samplerate(mp4_muxer *m, uint32_t track_ID);
 /* ---- remuxers ---------------------------------------------------------------------------- */
 
 /* Fragmented to plain: a reader fed with mp4_buf_put whose linked writer makes the file.
- * Returns NULL when memory runs out. */
+ * Feed it whole top-level boxes (as `mp4kit defragment` does): a box cut by the end of a piece
+ * is taken as it stands (what arrived of an mdat is kept, a cut moov or moof is lost). The media
+ * data of a fragment may come before its moof or after it. Returns NULL when memory runs out. */
 mp4_muxer *mp4_remuxer_create(void);
 /* Plain to fragmented: a writer to memory buffers whose linked reader reads the file (which
  * must not be rewritten meanwhile: samples are read ahead). Returns NULL when memory runs out. */
