@@ -297,6 +297,32 @@ TEST_F(RecordTool, CutOrGarbledStreamsNeverCrashIt) {
     }
 }
 
+TEST_F(RecordTool, AacThatLosesSyncEndsTheRecordingThereWithAMessage) {
+    SKIP_WITHOUT_FFPROBE();
+    // Ten zero bytes before the 51st frame: the recording keeps the 50 frames before them (and
+    // the video beside them), says where the stream broke and fails.
+    const Bytes aac = test_util::readFile(test_util::dataPath("sample.aac"));
+    size_t pos = 0;
+    for (int frame = 0; frame < 50; frame++)
+        pos += (size_t(aac[pos + 3] & 3) << 11) | (size_t(aac[pos + 4]) << 3) | (aac[pos + 5] >> 5);
+    Bytes broken(aac.begin(), aac.begin() + long(pos));
+    broken.insert(broken.end(), 10, 0);
+    broken.insert(broken.end(), aac.begin() + long(pos), aac.end());
+    test_util::writeFile(dir.file("broken.aac"), broken);
+    std::string out;
+    EXPECT_EQ(run("-o " + test_util::quote(dir.file("b.mp4")) + " --h264 " + data("sample.h264") +
+                      " --aac " + test_util::quote(dir.file("broken.aac")),
+                  &out),
+              1);
+    EXPECT_NE(out.find("lost ADTS frame sync at offset " + std::to_string(pos)), std::string::npos)
+        << out;
+    std::vector<Fields> streams;
+    ASSERT_TRUE(test_util::probeStreams(dir.file("b.mp4"), &streams));
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_EQ(streams[1]["nb_frames"], "50");
+    EXPECT_EQ(test_util::decodeErrors(dir.file("b.mp4")), "");
+}
+
 TEST_F(RecordTool, TruncatedAdtsTailIsLeftOutWithAWarning) {
     SKIP_WITHOUT_FFPROBE();
     Bytes aac = test_util::readFile(test_util::dataPath("sample.aac"));

@@ -286,13 +286,16 @@ int run(int argc, char **argv) {
     }
 
     uint32_t rate = 0, channels = 0;
+    std::shared_ptr<es::AdtsSplitter> adts; // an AAC stream not looked through before recording
     if (!o.aac.empty()) {
         if (!audio.file.open(o.aac, &error))
             return fail(error);
-        // A frame that loses sync anywhere fails the recording before it starts.
+        // The first frame tells the track's parameters. A fragmented recording sizes its buffer
+        // by the whole stream; a plain one finds a frame that loses sync when it gets there
+        // (reading the stream twice would cost a fifth of the recording's time).
         es::AdtsSplitter look(audio.file);
         es::Unit u;
-        while (look.next(&u))
+        while ((o.fragmented || !look.count()) && look.next(&u))
             audio.largest = u.size > audio.largest ? u.size : audio.largest;
         if (!look.error().empty())
             return fail(o.aac + ": " + look.error());
@@ -312,6 +315,8 @@ int run(int argc, char **argv) {
         audio.file.rewind();
         auto splitter = std::make_shared<es::AdtsSplitter>(audio.file);
         audio.split = [splitter](es::Unit *unit) { return splitter->next(unit); };
+        if (!o.fragmented)
+            adts = splitter;
     } else if (!o.pcm.empty()) {
         if (!audio.file.open(o.pcm, &error))
             return fail(error);
@@ -440,7 +445,13 @@ int run(int argc, char **argv) {
     if (failed)
         return fail(o.out + ": " + (failure ? failure : "error") + " (code " +
                     std::to_string(failed) + ")");
-    // An input that could not be read to its end: the movie holds what was read.
+    if (adts && adts->droppedTail())
+        fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
+                o.aac.c_str());
+    // An input that could not be read to its end, or an AAC stream that lost its frame sync:
+    // the movie holds what came before.
+    if (adts && !adts->error().empty())
+        return fail(o.aac + ": " + adts->error() + "; the recording ends before it");
     for (const auto &[path, s] :
          {std::pair<const std::string &, const Stream &>{o.h264.empty() ? o.mp4v : o.h264, video},
           {o.aac.empty() ? o.pcm : o.aac, audio}})
