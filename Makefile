@@ -56,7 +56,7 @@ bench:
 
 # libFuzzer targets under clang with ASan+UBSan, each run for FUZZ_SECONDS from the fixtures.
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS ?= fuzz_read fuzz_fragment_reader fuzz_defrag fuzz_refrag fuzz_parameter_data fuzz_dump fuzz_write_api
+FUZZ_TARGETS ?= fuzz_read fuzz_fragment_reader fuzz_defrag fuzz_refrag fuzz_parameter_data fuzz_dump fuzz_write_api fuzz_es_parse
 
 fuzz:
 	CC=clang CXX=clang++ $(CMAKE) -S . -B $(BUILD_DIR)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -13,6 +13,9 @@ for target in "$@"; do
     mkdir -p "$corpus" "$artifacts"
     case $target in
         fuzz_parameter_data) seeds=("$data"/sample.h264 "$data"/sample.m4v) ;;
+        # Raw streams; the first two bytes choose the window and the PCM frame size.
+        fuzz_es_parse) seeds=("$data"/sample.h264 "$data"/sample.m4v "$data"/sample.aac
+                             "$data"/sample_s16le.pcm) ;;
         # Call sequences, not files: hand-made seeds (fuzz/make_write_api_seeds.py).
         fuzz_write_api) seeds=("$root"/fuzz/corpus_write_api/*) ;;
         *) seeds=("$data"/*.mp4 "$data"/*.mov) ;;

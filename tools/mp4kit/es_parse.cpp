@@ -24,12 +24,6 @@ namespace es {
 
 // ---- input -----------------------------------------------------------------------------------
 
-namespace {
-
-constexpr size_t kWindow = 256 << 10; // fits the second-level cache along with the output buffer
-
-} // namespace
-
 Input::~Input() {
     if (fd_ >= 0)
         close(fd_);
@@ -54,13 +48,13 @@ bool Input::open(const std::string &path, std::string *error) {
             ::close(fd);
             return false;
         }
-        buf_ = static_cast<uint8_t *>(malloc(kWindow));
+        buf_ = static_cast<uint8_t *>(malloc(window_));
         if (!buf_) {
             *error = path + ": out of memory";
             ::close(fd);
             return false;
         }
-        cap_ = kWindow;
+        cap_ = window_;
         fd_ = fd;
         size_ = uint64_t(st.st_size);
         return true;

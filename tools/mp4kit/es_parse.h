@@ -20,7 +20,9 @@ struct Unit {
 // slides along, so that memory stays small whatever the file's length. A pipe is read whole.
 class Input {
   public:
-    Input() = default;
+    // `window`: bytes read at a time (at least 16), grown for a unit larger than it. The default
+    // fits the second-level cache along with the writer's output buffer.
+    explicit Input(size_t window = 256 << 10) : window_(window < 16 ? 16 : window) {}
     ~Input();
     Input(const Input &) = delete;
     Input &operator=(const Input &) = delete;
@@ -40,6 +42,7 @@ class Input {
     const std::string &error() const { return error_; }
 
   private:
+    size_t window_;
     int fd_ = -1; // -1 when the input is held whole
     uint8_t *buf_ = nullptr;
     size_t cap_ = 0;
