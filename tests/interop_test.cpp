@@ -253,6 +253,24 @@ TEST_F(RecordTool, UnwritableOutputFails) {
     EXPECT_NE(out.find("cannot open"), std::string::npos) << out;
 }
 
+TEST_F(RecordTool, AFileThatCannotBeWrittenToItsEndFailsTheRecording) {
+    // The file's writes go out on another thread: a write refused there (here, past a 16 KiB
+    // file size limit, with the signal for it ignored) must still fail the recording, in plain
+    // and interleaved mode, and with the movie at the start (written from this thread).
+    for (const char *mode : {"", " --interleave 48000", " --moov-at-start 1"}) {
+        SCOPED_TRACE(mode);
+        std::string out;
+        int rc = test_util::run("ulimit -f 32; trap '' XFSZ; exec " +
+                                    test_util::quote(test_util::toolPath()) + " record -o " +
+                                    test_util::quote(dir.file("limited.mp4")) + " --h264 " +
+                                    data("sample.h264") + " --aac " + data("sample.aac") + mode,
+                                &out);
+        EXPECT_EQ(rc, 1) << out;
+        EXPECT_NE(out.find("limited.mp4: "), std::string::npos) << out;
+        EXPECT_EQ(out.find("wrote "), std::string::npos) << out;
+    }
+}
+
 TEST_F(RecordTool, CutOrGarbledStreamsNeverCrashIt) {
     // A sanitizer report would exit with 99: only the tool's own statuses may come back.
     auto status = [&](const std::string &args) {

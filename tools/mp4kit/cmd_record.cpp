@@ -2,6 +2,7 @@
 // PCM audio) recorded into an MP4 or QuickTime file through the public API, audio and video
 // delivered in time order the way a live encoder hands them over.
 #include "commands.h"
+#include "async_output.h"
 #include "es_parse.h"
 
 #include <mp4kit/mp4.h>
@@ -339,6 +340,7 @@ int run(int argc, char **argv) {
         audio.timescale = rate;
 
     const bool mov = endsWithMov(o.out);
+    AsyncOutput output; // outlives the handle that writes through it
     mp4_muxer *m = mov ? mov_writer_create() : mp4_writer_create();
     if (!m)
         return fail("out of memory");
@@ -361,6 +363,15 @@ int run(int argc, char **argv) {
             return fail("out of memory");
         }
         mp4_buf_put(m, sink.buffer.get(), sink.size);
+    } else if (!o.moov_minutes) {
+        // The file's writes go out on a thread of their own. Not with the movie at the start:
+        // its updates are flushed so that a killed recording keeps them, and a stream cannot
+        // tell a flush of a full buffer from an ordinary write.
+        if (!output.open(o.out)) {
+            mp4_delete(m);
+            return fail("cannot open " + o.out + " for writing: " + strerror(errno));
+        }
+        mp4_file_pointer(m, output.stream());
     } else {
         mp4_file_name_ascii(m, o.out.c_str());
         if (mp4_get_error_code(m)) {
@@ -440,10 +451,14 @@ int run(int argc, char **argv) {
     progress.done();
     if (!failed)
         failed = mp4_get_error_code(m);
-    const char *failure = failed ? mp4_get_error(m) : nullptr;
-    mp4_delete(m); // closes the file
+    std::string failure = failed ? mp4_get_error(m) : "";
+    mp4_delete(m); // closes a file it opened
+    if (FILE *f = output.stream(); f && fclose(f) != 0 && !failed) {
+        failed = 8;
+        failure = std::string("write failed: ") + strerror(errno);
+    }
     if (failed)
-        return fail(o.out + ": " + (failure ? failure : "error") + " (code " +
+        return fail(o.out + ": " + (failure.empty() ? "error" : failure) + " (code " +
                     std::to_string(failed) + ")");
     if (adts && adts->droppedTail())
         fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
