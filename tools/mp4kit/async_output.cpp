@@ -51,6 +51,9 @@ bool AsyncOutput::open(const std::string &path) {
     // Only the thread that opened the stream uses it (the writer thread sees blocks, never the
     // stream), so stdio need not lock it for every call, as it does once a second thread exists.
     __fsetlocking(stream_, FSETLOCKING_BYCALLER);
+    // fileno() answers with the file, as for a stream of fopen: the library's recovery after a
+    // failed write cuts the file back through it. stdio itself goes through the cookie.
+    stream_->_fileno = fd_;
     try {
         thread_ = std::thread([this] { run(); });
         threaded_ = true;
@@ -62,18 +65,18 @@ bool AsyncOutput::open(const std::string &path) {
 
 int AsyncOutput::close() {
     if (closed_)
-        return error_;
+        return 0;
     closed_ = true;
-    drain();
+    int e = drain() ? 0 : takeError();
     if (threaded_) {
         stop_.store(true);
         wake(writer_sleeps_, work_);
         thread_.join();
     }
-    if (fd_ >= 0 && ::close(fd_) != 0 && !error_)
-        error_ = errno;
+    if (fd_ >= 0 && ::close(fd_) != 0 && !e)
+        e = errno;
     fd_ = -1;
-    return error_;
+    return e;
 }
 
 void AsyncOutput::writeOut(Block &b) {
@@ -82,11 +85,27 @@ void AsyncOutput::writeOut(Block &b) {
         ssize_t w = pwrite(fd_, b.data.get() + put, b.len - put, off_t(b.offset + put));
         if (w < 0 && errno == EINTR)
             continue;
-        if (w <= 0)
+        if (w <= 0) {
+            failed_at_ = b.offset + put;
             error_ = w < 0 ? errno : EIO;
-        else
+        } else {
             put += size_t(w);
+        }
     }
+}
+
+int AsyncOutput::takeError() {
+    // Whatever the writer still holds was never written (it stops at the first failure). From
+    // here on the stream behaves as a descriptor's after a failed write: its position is where
+    // the file's bytes end, and every later write goes straight to the file, unbuffered, so that
+    // what stdio drops after a failure (the library's recovery purges it) is gone here too.
+    if (threaded_)
+        wait(filler_sleeps_, done_, [&] { return written_.load() == queued_.load(); });
+    const int e = error_.exchange(0);
+    pos_ = failed_at_;
+    blocks_[queued_.load() % kBlocks].len = 0;
+    direct_ = true;
+    return e;
 }
 
 template <class Ready>
@@ -130,7 +149,7 @@ bool AsyncOutput::submit() {
     Block &b = blocks_[q % kBlocks];
     if (b.len == 0)
         return true;
-    if (!threaded_) {
+    if (!threaded_ || direct_) {
         writeOut(b);
         b.len = 0;
         written_.store(q + 1);
@@ -147,15 +166,25 @@ bool AsyncOutput::submit() {
 
 bool AsyncOutput::drain() {
     submit();
-    if (threaded_)
+    if (threaded_ && !direct_)
         wait(filler_sleeps_, done_, [&] { return written_.load() == queued_.load(); });
     return !error_;
 }
 
 ssize_t AsyncOutput::write(const char *buf, size_t size) {
     if (error_) {
-        errno = error_;
+        errno = takeError();
         return -1;
+    }
+    if (direct_) {
+        // After a failure, as a descriptor's write: at once, and short if the file takes less.
+        ssize_t w;
+        do
+            w = pwrite(fd_, buf, size, off_t(pos_));
+        while (w < 0 && errno == EINTR);
+        if (w > 0)
+            pos_ += uint64_t(w);
+        return w;
     }
     for (size_t done = 0; done < size;) {
         Block &b = blocks_[queued_.load() % kBlocks];
@@ -167,13 +196,13 @@ ssize_t AsyncOutput::write(const char *buf, size_t size) {
         done += n;
         pos_ += n;
         if (b.len == kBlock && !submit()) {
-            errno = error_;
+            errno = takeError();
             return -1;
         }
     }
     // Less than stdio's buffer: it is being emptied early, and the caller waits for the file.
     if (size % kStdioBuffer != 0 && !drain()) {
-        errno = error_;
+        errno = takeError();
         return -1;
     }
     return ssize_t(size);
@@ -186,7 +215,7 @@ ssize_t AsyncOutput::cookieWrite(void *cookie, const char *buf, size_t size) {
 ssize_t AsyncOutput::cookieRead(void *cookie, char *buf, size_t size) {
     auto *self = static_cast<AsyncOutput *>(cookie);
     if (!self->drain()) {
-        errno = self->error_;
+        errno = self->takeError();
         return -1;
     }
     ssize_t r;
@@ -201,7 +230,7 @@ ssize_t AsyncOutput::cookieRead(void *cookie, char *buf, size_t size) {
 int AsyncOutput::cookieSeek(void *cookie, off64_t *offset, int whence) {
     auto *self = static_cast<AsyncOutput *>(cookie);
     if (!self->drain()) {
-        errno = self->error_;
+        errno = self->takeError(); // as a flush that fails before a seek
         return -1;
     }
     int64_t base = 0;

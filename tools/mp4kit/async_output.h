@@ -53,6 +53,7 @@ class AsyncOutput {
     bool drain();  // submits, then waits until every block is in the file; false on a failure
     void run();    // the writer thread
     void writeOut(Block &b);
+    int takeError(); // the errno of a failed write, once; the stream goes on unbuffered
     template <class Ready>
     void wait(std::atomic<bool> &sleeps, std::condition_variable &cond, Ready ready);
     void wake(std::atomic<bool> &sleeps, std::condition_variable &cond);
@@ -65,7 +66,9 @@ class AsyncOutput {
     // Blocks handed over and blocks written so far: the block being filled is
     // blocks_[queued_ % kBlocks], and a block is this side's again once written_ passes it.
     std::atomic<uint64_t> queued_{0}, written_{0};
-    std::atomic<int> error_{0}; // errno of the first failed write
+    std::atomic<int> error_{0}; // errno of a failed write not yet reported
+    uint64_t failed_at_ = 0;    // where the file's bytes end after it (set before written_)
+    bool direct_ = false;       // after a failure: every block written at once, by this thread
     std::atomic<bool> stop_{false};
     bool threaded_ = false, closed_ = false;
     // A side that found nothing to do sleeps here; the other wakes it only when it sleeps.
