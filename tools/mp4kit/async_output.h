@@ -30,7 +30,7 @@ class AsyncOutput {
     // started) every block is written by the calling thread.
     bool open(const std::string &path);
     FILE *stream() const { return stream_; }
-    // Writes what is left and closes; 0, or an errno of the first failed write.
+    // Writes what is left and closes; 0, or the errno of a failed write not reported before.
     int close();
 
   private:
@@ -68,7 +68,7 @@ class AsyncOutput {
     std::atomic<uint64_t> queued_{0}, written_{0};
     std::atomic<int> error_{0}; // errno of a failed write not yet reported
     uint64_t failed_at_ = 0;    // where the file's bytes end after it (set before written_)
-    bool direct_ = false;       // after a failure: every block written at once, by this thread
+    bool direct_ = false;       // after a failure: each write goes to the file at once
     std::atomic<bool> stop_{false};
     bool threaded_ = false, closed_ = false;
     // A side that found nothing to do sleeps here; the other wakes it only when it sleeps.
