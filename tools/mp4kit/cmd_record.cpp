@@ -288,6 +288,10 @@ int run(int argc, char **argv) {
 
     uint32_t rate = 0, channels = 0;
     std::shared_ptr<es::AdtsSplitter> adts; // an AAC stream not looked through before recording
+    auto warnCutOff = [&o] {
+        fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
+                o.aac.c_str());
+    };
     if (!o.aac.empty()) {
         if (!audio.file.open(o.aac, &error))
             return fail(error);
@@ -301,8 +305,7 @@ int run(int argc, char **argv) {
         if (!look.error().empty())
             return fail(o.aac + ": " + look.error());
         if (look.droppedTail())
-            fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
-                    o.aac.c_str());
+            warnCutOff();
         const es::AdtsInfo &info = look.info();
         if (info.object_type != 2)
             fprintf(stderr,
@@ -461,8 +464,7 @@ int run(int argc, char **argv) {
         return fail(o.out + ": " + (failure.empty() ? "error" : failure) + " (code " +
                     std::to_string(failed) + ")");
     if (adts && adts->droppedTail())
-        fprintf(stderr, "mp4kit record: warning: %s ends in a cut-off frame, left out\n",
-                o.aac.c_str());
+        warnCutOff();
     // An input that could not be read to its end, or an AAC stream that lost its frame sync:
     // the movie holds what came before.
     if (adts && !adts->error().empty())
