@@ -1,8 +1,8 @@
 // mp4kit record: elementary streams (H.264 Annex B or MPEG-4 Visual video, ADTS AAC or s16le
 // PCM audio) recorded into an MP4 or QuickTime file through the public API, audio and video
 // delivered in time order the way a live encoder hands them over.
-#include "commands.h"
 #include "async_output.h"
+#include "commands.h"
 #include "es_parse.h"
 
 #include <mp4kit/mp4.h>
